@@ -1,0 +1,28 @@
+# How every target of this project is compiled. The targets link `project_settings` privately,
+# so nothing of this reaches a program that uses the installed library.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+option(HXUSBVCTL_WERROR "Treat compiler warnings as errors" OFF)
+set(HXUSBVCTL_SANITIZE "" CACHE STRING "Sanitizers to build with, as in -fsanitize=")
+
+add_library(project_settings INTERFACE)
+target_include_directories(project_settings INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(project_settings INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor
+    -Woverloaded-virtual -Wold-style-cast -Wcast-align -Wformat=2 -Wundef
+    $<$<BOOL:${HXUSBVCTL_WERROR}>:-Werror>)
+
+if(HXUSBVCTL_SANITIZE)
+    add_compile_options(-fsanitize=${HXUSBVCTL_SANITIZE} -fno-sanitize-recover=all
+                        -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${HXUSBVCTL_SANITIZE})
+endif()
+
+find_program(CCACHE ccache)
+if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()

@@ -1,0 +1,50 @@
+// How many bytes a read finds and a blocking write takes, by kind of descriptor. Internal to
+// platform/linux.
+//
+// Threads    any.
+// Errors     a call that fails leaves errno as the kernel set it.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <optional>
+
+enum class DescriptorKind {
+    TcpSocket,
+    UnixSocket,
+    OtherSocket,
+    Pipe,  // FIFOs included
+    Terminal,
+    RegularFile,
+    OtherDevice,  // without readiness of its own, such as /dev/null
+    OtherPollable,
+    Unsupported,
+};
+
+[[nodiscard]] DescriptorKind kindOf(int fd, const struct stat& status) noexcept;
+
+[[nodiscard]] constexpr bool isSocket(DescriptorKind kind) {
+    return kind == DescriptorKind::TcpSocket || kind == DescriptorKind::UnixSocket ||
+           kind == DescriptorKind::OtherSocket;
+}
+
+// epoll(7) refuses these with EPERM: they are ready whenever they have bytes or room.
+[[nodiscard]] constexpr bool isAlwaysReady(DescriptorKind kind) {
+    return kind == DescriptorKind::RegularFile || kind == DescriptorKind::OtherDevice;
+}
+
+// What read(2) would find now, exactly; 1 for a listening socket, which the caller knows to be
+// ready, and for OtherPollable. None when the descriptor cannot tell.
+[[nodiscard]] std::optional<int64_t> readableBytes(int fd, DescriptorKind kind) noexcept;
+
+// What a blocking write(2) takes without blocking. REQUIRES: the descriptor polls writable. At
+// least 1 then.
+[[nodiscard]] int64_t writableBytes(int fd, DescriptorKind kind) noexcept;
+
+// The socket's pending error, which the kernel then forgets; 0 without one.
+[[nodiscard]] int takeSocketError(int fd) noexcept;
+
+// Whether a TCP socket that reports a hang-up does so only because it was never connected: one
+// that was has also been shut for reading.
+[[nodiscard]] bool isUnconnectedTcp(int fd) noexcept;

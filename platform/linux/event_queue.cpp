@@ -1,0 +1,509 @@
+#include "platform/linux/event_queue.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <ctime>
+#include <new>
+#include <utility>
+
+namespace {
+
+using Nanoseconds = TimerSet::Nanoseconds;
+
+constexpr int64_t kPerSecond = 1'000'000'000;
+constexpr int64_t kPerMillisecond = 1'000'000;
+constexpr size_t kEventBatch = 1024;
+
+// Nothing tells when a regular file grows, so a wait that includes one looks this often.
+constexpr Nanoseconds kFileInterval = 50 * kPerMillisecond;
+
+constexpr uint32_t kEnded = EPOLLHUP | EPOLLERR;
+
+struct timespec toTimespec(Nanoseconds time) {
+    return {.tv_sec = time / kPerSecond, .tv_nsec = time % kPerSecond};
+}
+
+const struct timespec* orForever(const std::optional<Nanoseconds>& timeout,
+                                 struct timespec& storage) {
+    if (!timeout) return nullptr;
+    storage = toTimespec(*timeout);
+    return &storage;
+}
+
+// epoll_pwait2(2) came with Linux 5.11 and is missing from some C libraries and emulators.
+// epoll_wait counts in milliseconds; rounding up never returns too early.
+int waitOnEpoll(int epollFd, std::span<struct epoll_event> events,
+                std::optional<Nanoseconds> timeout) {
+    static std::atomic<bool> havePrecise{true};
+    const int room = static_cast<int>(events.size());
+    if (timeout == 0) return epoll_wait(epollFd, events.data(), room, 0);
+    if (havePrecise) {
+        struct timespec storage;
+        const long count = syscall(SYS_epoll_pwait2, epollFd, events.data(), room,
+                                   orForever(timeout, storage), nullptr, 0);
+        if (count != -1 || errno != ENOSYS) return static_cast<int>(count);
+        havePrecise = false;
+    }
+    const int64_t milliseconds = timeout ? (*timeout + kPerMillisecond - 1) / kPerMillisecond : -1;
+    return epoll_wait(epollFd, events.data(), room,
+                      static_cast<int>(std::min<int64_t>(milliseconds, INT_MAX)));
+}
+
+bool isAcceptedByEpoll(int epollFd, int fd) {
+    struct epoll_event nothing = {};
+    if (epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &nothing) != 0) return errno != EPERM;
+    epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, nullptr);
+    return true;
+}
+
+// The number may be closed and reused by another thread at this very moment; whatever it means now
+// is right. (The thread sanitizer calls that a race, and is told not to by this name.)
+bool currentStatus(int fd, struct stat& status) {
+    return fstat(fd, &status) == 0;
+}
+
+bool isValid(const struct timespec& time) {
+    return time.tv_sec >= 0 && time.tv_nsec >= 0 && time.tv_nsec < kPerSecond;
+}
+
+// Far beyond any uptime, and far from overflowing when added to the clock.
+constexpr int64_t kLongestWaitSeconds = 1'000'000'000;
+
+Nanoseconds toNanoseconds(const struct timespec& time) {
+    return std::min<int64_t>(time.tv_sec, kLongestWaitSeconds) * kPerSecond + time.tv_nsec;
+}
+
+}  // namespace
+
+EventQueue::EventQueue(int epollFd_) : epollFd(epollFd_), events(kEventBatch) {}
+
+int EventQueue::exchange(std::span<const struct kevent> changes, std::span<struct kevent> room,
+                         const struct timespec* timeout) {
+    const std::lock_guard guard(lock);
+    if (timeout && !isValid(*timeout)) {
+        errno = EINVAL;
+        return -1;
+    }
+    size_t failures = 0;
+    for (const struct kevent& change : changes) {
+        const int error = apply(change);
+        if (error == 0) continue;
+        if (failures == room.size()) {
+            errno = error;
+            return -1;
+        }
+        struct kevent& record = room[failures++];
+        record = change;
+        record.flags |= EV_ERROR;
+        record.data = error;
+    }
+    if (failures > 0 || room.empty()) return static_cast<int>(failures);
+    return collect(room, timeout);
+}
+
+// Changes
+
+int EventQueue::apply(const struct kevent& change) noexcept {
+    constexpr unsigned kSupported = EV_ADD | EV_DELETE | EV_ENABLE | EV_ONESHOT;
+    if ((change.flags & ~kSupported) != 0) return EINVAL;
+    try {
+        switch (change.filter) {
+            case EVFILT_TIMER:
+                return applyToTimer(change);
+            case EVFILT_READ:
+            case EVFILT_WRITE:
+                return applyToDescriptor(change);
+            default:
+                return EINVAL;
+        }
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
+    }
+}
+
+int EventQueue::applyToTimer(const struct kevent& change) {
+    if ((change.flags & EV_DELETE) != 0) return timers.remove(change.ident) ? 0 : ENOENT;
+    if ((change.flags & EV_ADD) == 0) return timers.contains(change.ident) ? 0 : ENOENT;
+    if ((change.fflags & ~uint32_t{NOTE_BACKGROUND}) != 0) return EINVAL;
+    return timers.add(change, TimerSet::now());
+}
+
+int EventQueue::applyToDescriptor(const struct kevent& change) {
+    if (change.ident > INT_MAX) return EBADF;
+    const int fd = static_cast<int>(change.ident);
+    struct stat status;
+    if (!currentStatus(fd, status)) {
+        const int error = errno;
+        forget(fd);
+        return error;
+    }
+    Descriptor* descriptor = find(fd);
+    if (descriptor && !isUnchanged(*descriptor, status)) {
+        forget(fd);
+        descriptor = nullptr;
+    }
+    if ((change.flags & EV_DELETE) == 0 && (change.flags & EV_ADD) != 0) {
+        if (change.fflags != 0) return EINVAL;
+        return addFilter(descriptor ? *descriptor : create(fd, status), change);
+    }
+    if (!descriptor || !filterOf(*descriptor, change.filter).present) return ENOENT;
+    if ((change.flags & EV_DELETE) != 0)
+        removeFilter(*descriptor, filterOf(*descriptor, change.filter));
+    return 0;
+}
+
+int EventQueue::addFilter(Descriptor& descriptor, const struct kevent& change) {
+    Filter& filter = filterOf(descriptor, change.filter);
+    int error = descriptor.kind == DescriptorKind::Unsupported ? EINVAL : 0;
+    if (error == 0 && !filter.present) {
+        const uint64_t serial = ++lastSerial;
+        const bool probed = enlist(descriptor, change.filter, serial);
+        filter = {.present = true, .probed = probed, .serial = serial};
+    }
+    filter.oneShot = (change.flags & EV_ONESHOT) != 0;
+    filter.udata = change.udata;
+    if (error == 0) error = watch(descriptor);
+    if (error != 0) removeFilter(descriptor, filter);
+    return error;
+}
+
+// Puts a new filter on the list that it is found ready through, if that is not epoll. True when it
+// is the probes list.
+bool EventQueue::enlist(const Descriptor& descriptor, int16_t filter, uint64_t serial) {
+    if (isAlwaysReady(descriptor.kind)) {
+        if (std::find(files.begin(), files.end(), descriptor.fd) == files.end())
+            files.push_back(descriptor.fd);
+        return false;
+    }
+    if (filter != EVFILT_WRITE) return false;
+    probes.push_back({.fd = descriptor.fd, .filter = filter, .serial = serial});
+    return true;
+}
+
+void EventQueue::removeFilter(Descriptor& descriptor, Filter& filter) noexcept {
+    filter = {};
+    watch(descriptor);
+    if (!descriptor.read.present && !descriptor.write.present) forget(descriptor.fd);
+}
+
+// The table
+
+struct epoll_event EventQueue::eventFor(const Descriptor& descriptor, uint32_t mask) noexcept {
+    struct epoll_event event = {};
+    event.events = mask;
+    event.data.u64 = uint64_t{descriptor.generation} << 32 | static_cast<uint32_t>(descriptor.fd);
+    return event;
+}
+
+EventQueue::Descriptor* EventQueue::find(int fd) const noexcept {
+    const auto index = static_cast<size_t>(fd);
+    return index < descriptors.size() ? descriptors[index].get() : nullptr;
+}
+
+EventQueue::Descriptor* EventQueue::findUnchanged(int fd) noexcept {
+    Descriptor* descriptor = find(fd);
+    struct stat status;
+    if (descriptor && currentStatus(fd, status) && descriptor->device == status.st_dev &&
+        descriptor->inode == status.st_ino)
+        return descriptor;
+    forget(fd);
+    return nullptr;
+}
+
+// Sockets have inodes of their own. A FIFO or terminal that is opened again has the old inode, but
+// epoll does not know the new open file.
+bool EventQueue::isUnchanged(const Descriptor& descriptor,
+                             const struct stat& status) const noexcept {
+    if (descriptor.device != status.st_dev || descriptor.inode != status.st_ino) return false;
+    if (descriptor.mask == 0 || isSocket(descriptor.kind)) return true;
+    struct epoll_event event = eventFor(descriptor, descriptor.mask);
+    return epoll_ctl(epollFd, EPOLL_CTL_MOD, descriptor.fd, &event) == 0 || errno != ENOENT;
+}
+
+EventQueue::Descriptor& EventQueue::create(int fd, const struct stat& status) {
+    const auto index = static_cast<size_t>(fd);
+    if (index >= descriptors.size()) descriptors.resize(index + 1);
+    auto made = std::make_unique<Descriptor>();
+    made->fd = fd;
+    made->generation = ++lastGeneration;
+    made->device = status.st_dev;
+    made->inode = status.st_ino;
+    made->kind = kindOf(fd, status);
+    if (made->kind == DescriptorKind::OtherDevice && isAcceptedByEpoll(epollFd, fd))
+        made->kind = DescriptorKind::OtherPollable;
+    descriptors[index] = std::move(made);
+    return *descriptors[index];
+}
+
+// What epoll still knows of a descriptor that is forgotten turns up as a stray.
+void EventQueue::forget(int fd) noexcept {
+    const auto index = static_cast<size_t>(fd);
+    if (index >= descriptors.size() || !descriptors[index]) return;
+    if (isAlwaysReady(descriptors[index]->kind)) std::erase(files, fd);
+    descriptors[index] = nullptr;
+}
+
+EventQueue::Filter& EventQueue::filterOf(Descriptor& descriptor, int16_t filter) noexcept {
+    return filter == EVFILT_READ ? descriptor.read : descriptor.write;
+}
+
+EventQueue::Filter* EventQueue::holderOf(const Ticket& ticket) const noexcept {
+    Descriptor* descriptor = find(ticket.fd);
+    if (!descriptor) return nullptr;
+    Filter& filter = filterOf(*descriptor, ticket.filter);
+    return filter.present && filter.serial == ticket.serial ? &filter : nullptr;
+}
+
+// Makes epoll watch for what the filters want now. EEXIST: the descriptor had been forgotten, and
+// was made again from a duplicate of itself.
+int EventQueue::watch(Descriptor& descriptor) noexcept {
+    if (isAlwaysReady(descriptor.kind)) return 0;
+    uint32_t mask = 0;
+    if (descriptor.read.present) mask |= EPOLLIN | EPOLLRDHUP;
+    if (descriptor.write.present && !descriptor.write.probed) mask |= EPOLLOUT;
+    if (mask != 0 && descriptor.dozing) mask |= EPOLLET;
+    if (mask == descriptor.mask) return 0;
+
+    int operation = EPOLL_CTL_MOD;
+    if (descriptor.mask == 0) operation = EPOLL_CTL_ADD;
+    if (mask == 0) operation = EPOLL_CTL_DEL;
+    struct epoll_event event = eventFor(descriptor, mask);
+    int result = epoll_ctl(epollFd, operation, descriptor.fd, &event);
+    if (result != 0 && errno == EEXIST)
+        result = epoll_ctl(epollFd, EPOLL_CTL_MOD, descriptor.fd, &event);
+    if (result != 0) return errno;
+    descriptor.mask = mask;
+    return 0;
+}
+
+// Without a descriptor to spare the strays stay: they cost time, but reach nobody.
+void EventQueue::rebuild() noexcept {
+    hasStrays = false;
+    const int fresh = epoll_create1(EPOLL_CLOEXEC);
+    if (fresh == -1) return;
+    for (size_t fd = 0; fd < descriptors.size(); ++fd) {
+        if (!descriptors[fd] || descriptors[fd]->mask == 0) continue;
+        Descriptor* descriptor = findUnchanged(static_cast<int>(fd));
+        if (!descriptor) continue;
+        struct epoll_event event = eventFor(*descriptor, descriptor->mask);
+        if (epoll_ctl(fresh, EPOLL_CTL_ADD, descriptor->fd, &event) != 0) forget(descriptor->fd);
+    }
+    dup3(fresh, epollFd, O_CLOEXEC);
+    close(fresh);
+}
+
+// Waiting
+
+int EventQueue::collect(std::span<struct kevent> room, const struct timespec* timeout) {
+    std::optional<Nanoseconds> end;
+    if (timeout) end = TimerSet::now() + toNanoseconds(*timeout);
+    try {
+        lookAgainAtLeftovers();
+        for (;;) {
+            lookAtFiles();
+            if (!waitForReadiness(waitingTime(end))) return -1;
+            const size_t count = deliver(room);
+            if (hasStrays) rebuild();
+            if (count > 0) return static_cast<int>(count);
+            if (end && TimerSet::now() >= *end) return 0;
+        }
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return -1;
+    }
+}
+
+std::optional<Nanoseconds> EventQueue::waitingTime(std::optional<Nanoseconds> end) const noexcept {
+    if (!ready.empty()) return 0;
+    const std::optional<Nanoseconds> due = timers.nextDeadline();
+    if (due && (!end || *due < *end)) end = due;
+    if (!end && files.empty()) return std::nullopt;
+    const Nanoseconds now = TimerSet::now();
+    const Nanoseconds longest = end ? std::max<Nanoseconds>(*end - now, 0) : kFileInterval;
+    return files.empty() ? longest : std::min(longest, kFileInterval);
+}
+
+bool EventQueue::waitForReadiness(std::optional<Nanoseconds> timeout) {
+    std::erase_if(probes, [this](const Ticket& probe) {
+        const Filter* filter = holderOf(probe);
+        return !filter || !filter->probed;
+    });
+    return probes.empty() ? takeEpollEvents(timeout) : waitWithProbes(timeout);
+}
+
+bool EventQueue::waitWithProbes(std::optional<Nanoseconds> timeout) {
+    polled.clear();
+    polled.push_back({.fd = epollFd, .events = POLLIN, .revents = 0});
+    for (const Ticket& probe : probes)
+        polled.push_back({.fd = probe.fd, .events = POLLOUT, .revents = 0});
+    struct timespec storage;
+    if (ppoll(polled.data(), polled.size(), orForever(timeout, storage), nullptr) == -1)
+        return false;
+    takeProbeAnswers();
+    return polled.front().revents == 0 || takeEpollEvents(0);
+}
+
+bool EventQueue::takeEpollEvents(std::optional<Nanoseconds> timeout) {
+    const int count = waitOnEpoll(epollFd, events, timeout);
+    if (count == -1) return false;
+    ready.reserve(ready.size() + 2 * static_cast<size_t>(count));
+    for (const struct epoll_event& event : std::span(events).first(static_cast<size_t>(count)))
+        takeEpollEvent(event);
+    return true;
+}
+
+void EventQueue::takeEpollEvent(const struct epoll_event& event) {
+    const int fd = static_cast<int>(event.data.u64 & UINT32_MAX);
+    Descriptor* descriptor = find(fd);
+    if (!descriptor || descriptor->generation != event.data.u64 >> 32) {
+        hasStrays = true;
+        return;
+    }
+    Filter& read = descriptor->read;
+    Filter& write = descriptor->write;
+    if (read.present && (event.events & (EPOLLIN | EPOLLRDHUP | kEnded)) != 0)
+        enqueue(read, {.fd = fd, .filter = EVFILT_READ, .serial = read.serial}, event.events);
+    if (write.present && !write.probed && (event.events & (EPOLLOUT | kEnded)) != 0)
+        enqueue(write, {.fd = fd, .filter = EVFILT_WRITE, .serial = write.serial}, event.events);
+}
+
+// One that cannot take bytes now is handed to epoll, or, should epoll refuse it, asked again.
+void EventQueue::takeProbeAnswers() {
+    for (size_t i = 0; i < probes.size(); ++i) {
+        Filter* filter = holderOf(probes[i]);
+        const auto answer = static_cast<uint16_t>(polled[i + 1].revents);
+        if (answer != 0) {
+            enqueue(*filter, probes[i], answer);
+        } else {
+            filter->probed = false;
+            if (watch(*find(probes[i].fd)) != 0) filter->probed = true;
+        }
+    }
+}
+
+// What did not fit into the last call's room may have been read or filled up since.
+void EventQueue::lookAgainAtLeftovers() {
+    if (ready.empty()) return;
+    polled.clear();
+    for (const Ticket& ticket : ready) {
+        const short wanted = ticket.filter == EVFILT_READ ? POLLIN | POLLRDHUP : POLLOUT;
+        polled.push_back({.fd = ticket.fd, .events = wanted, .revents = 0});
+    }
+    const bool answered = poll(polled.data(), polled.size(), 0) != -1;
+    size_t kept = 0;
+    for (size_t i = 0; i < ready.size(); ++i) {
+        Filter* filter = holderOf(ready[i]);
+        if (!filter) continue;
+        filter->seen = answered ? static_cast<uint16_t>(polled[i].revents) : 0;
+        filter->queued = filter->seen != 0;
+        if (filter->queued) ready[kept++] = ready[i];
+    }
+    ready.resize(kept);
+}
+
+// At its end a regular file is silent; a device such as /dev/null has ended.
+void EventQueue::lookAtFiles() {
+    for (size_t i = files.size(); i-- > 0;) {
+        const int fd = files[i];
+        Descriptor* descriptor = findUnchanged(fd);
+        if (!descriptor) continue;
+        Filter& read = descriptor->read;
+        Filter& write = descriptor->write;
+        const bool ended = descriptor->kind == DescriptorKind::OtherDevice;
+        if (read.present && (ended || readableBytes(fd, descriptor->kind).value_or(0) > 0))
+            enqueue(read, {.fd = fd, .filter = EVFILT_READ, .serial = read.serial},
+                    ended ? EPOLLIN | EPOLLRDHUP : EPOLLIN);
+        if (write.present)
+            enqueue(write, {.fd = fd, .filter = EVFILT_WRITE, .serial = write.serial}, EPOLLOUT);
+    }
+}
+
+void EventQueue::enqueue(Filter& filter, const Ticket& ticket, uint32_t seen) {
+    filter.seen = seen;
+    if (filter.queued) return;
+    ready.push_back(ticket);
+    filter.queued = true;
+}
+
+// Delivering
+
+size_t EventQueue::deliver(std::span<struct kevent> room) noexcept {
+    timersFirst = !timersFirst;
+    size_t count = timersFirst ? deliverTimers(room) : 0;
+    count += deliverReady(room.subspan(count));
+    if (!timersFirst) count += deliverTimers(room.subspan(count));
+    return count;
+}
+
+size_t EventQueue::deliverReady(std::span<struct kevent> room) noexcept {
+    size_t taken = 0;
+    size_t count = 0;
+    while (taken < ready.size() && count < room.size())
+        if (deliverOne(ready[taken++], room[count])) ++count;
+    ready.erase(ready.begin(), ready.begin() + static_cast<std::ptrdiff_t>(taken));
+    return count;
+}
+
+size_t EventQueue::deliverTimers(std::span<struct kevent> room) noexcept {
+    const Nanoseconds now = TimerSet::now();
+    size_t count = 0;
+    while (count < room.size() && timers.takeDue(now, room[count]))
+        ++count;
+    return count;
+}
+
+bool EventQueue::deliverOne(const Ticket& ticket, struct kevent& record) noexcept {
+    Filter* filter = holderOf(ticket);
+    if (!filter) return false;
+    filter->queued = false;
+    Descriptor* descriptor = findUnchanged(ticket.fd);
+    if (!descriptor) return false;
+
+    EV_SET(&record, ticket.fd, ticket.filter, filter->oneShot ? EV_ONESHOT : 0, 0, 0,
+           filter->udata);
+    const bool isReady = ticket.filter == EVFILT_READ ? fillReadRecord(*descriptor, record)
+                                                      : fillWriteRecord(*descriptor, record);
+    if (!isReady) filter->probed = false;
+    descriptor->dozing = !isReady;
+    watch(*descriptor);
+    if (isReady && filter->oneShot) removeFilter(*descriptor, *filter);
+    return isReady;
+}
+
+bool EventQueue::fillReadRecord(Descriptor& descriptor, struct kevent& record) noexcept {
+    const uint32_t seen = descriptor.read.seen;
+    const DescriptorKind kind = descriptor.kind;
+    if (kind == DescriptorKind::TcpSocket && (seen & EPOLLHUP) != 0 &&
+        isUnconnectedTcp(descriptor.fd))
+        return false;
+    record.data = readableBytes(descriptor.fd, kind).value_or(0);
+    // A terminal that is readable without bytes has been given its end-of-file character.
+    const bool endOfFile =
+        kind == DescriptorKind::Terminal && (seen & EPOLLIN) != 0 && record.data == 0;
+    if ((seen & (EPOLLRDHUP | kEnded)) != 0 || endOfFile) markEnded(descriptor, seen, record);
+    return record.data > 0 || (record.flags & EV_EOF) != 0;
+}
+
+bool EventQueue::fillWriteRecord(Descriptor& descriptor, struct kevent& record) noexcept {
+    const uint32_t seen = descriptor.write.seen;
+    if (descriptor.kind == DescriptorKind::TcpSocket && (seen & EPOLLHUP) != 0 &&
+        isUnconnectedTcp(descriptor.fd))
+        return false;
+    if ((seen & EPOLLOUT) != 0) record.data = writableBytes(descriptor.fd, descriptor.kind);
+    if ((seen & kEnded) != 0) markEnded(descriptor, seen, record);
+    return record.data > 0 || (record.flags & EV_EOF) != 0;
+}
+
+void EventQueue::markEnded(Descriptor& descriptor, uint32_t seen, struct kevent& record) noexcept {
+    if (isSocket(descriptor.kind) && (seen & EPOLLERR) != 0)
+        if (const int error = takeSocketError(descriptor.fd)) descriptor.error = error;
+    record.flags |= EV_EOF;
+    record.fflags = static_cast<uint32_t>(descriptor.error);
+}

@@ -1,0 +1,92 @@
+// The kernel event queue of the BSDs and macOS, on Linux: the same record, the same constants with
+// the same numbers, the same two calls, over epoll. Only what is listed here is supported; a
+// change that asks for more fails with EINVAL.
+//
+// Filters
+//   EVFILT_READ   Level-triggered. `data` is the number of bytes that read(2) would find now: for
+//                 sockets, pipes, FIFOs, terminals, and regular files up to their end. At least 1
+//                 while connections wait on a listening socket. EV_EOF once the peer has closed
+//                 its sending side, also while bytes are left; `fflags` is then the socket's
+//                 pending error, if it has one.
+//   EVFILT_WRITE  Level-triggered. `data` is a number of bytes that a blocking write(2) takes
+//                 without blocking, often well below what it would take. EV_EOF when the peer can
+//                 take no more, or a pending connect has failed, with the error in `fflags`;
+//                 `data` may then be 0. A Unix peer that has only shut its receiving side down is
+//                 not told from one that listens: the write itself finds out.
+//   EVFILT_TIMER  `ident` is the caller's, `data` a period in milliseconds (NOTE_BACKGROUND is
+//                 accepted and changes nothing) on a clock that does not jump. Delivers the
+//                 expirations since the last delivery as `data`. Adding again starts afresh with
+//                 the new period. A period of 0 or less fires once, at once, and stays registered.
+//                 ERANGE for a period beyond the clock.
+//
+// Flags
+//   EV_ADD, EV_DELETE, EV_ENABLE, EV_DISABLE, EV_ONESHOT; EV_EOF and EV_ERROR in what is returned.
+//
+// Descriptors
+//   Closing a descriptor removes its filters, also while a duplicate of it lives. Its number may
+//   be reused at once. Two things cannot be seen from outside the kernel: a descriptor closed and
+//   then made again, under the same number, from a duplicate of itself; and a regular file or
+//   terminal closed and opened again under the same number. Both keep their filters. A directory
+//   and other descriptors that epoll(7) cannot watch are refused with EINVAL.
+//
+// Threads: any; calls on one queue take turns, so one call that waits holds up the others.
+// close(2) of the queue's own descriptor is enough to be rid of it.
+#pragma once
+
+#include <stdint.h>
+#include <time.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct kevent {
+    uint64_t ident;
+    int16_t filter;
+    uint16_t flags;
+    uint32_t fflags;
+    int64_t data;
+    void* udata;
+};
+
+#define EVFILT_READ (-1)
+#define EVFILT_WRITE (-2)
+#define EVFILT_TIMER (-7)
+
+#define EV_ADD 0x0001
+#define EV_DELETE 0x0002
+#define EV_ENABLE 0x0004
+#define EV_DISABLE 0x0008
+#define EV_ONESHOT 0x0010
+#define EV_ERROR 0x4000
+#define EV_EOF 0x8000
+
+#define NOTE_BACKGROUND 0x00000040
+
+// A new queue's descriptor, close-on-exec, or -1 with errno.
+int kqueue(void);
+
+// Applies the changes in order, then collects up to nevents records, waiting for the first as long
+// as timeout says (null: without end). A change that fails becomes a record with its own flags,
+// EV_ERROR and the error number in `data`; with such a record there is no wait. Without room for
+// it the call fails with that error, the changes after it unapplied. Returns the number of
+// records; 0 when the time is up; -1 with errno (EINTR: a signal handler ran, the changes are
+// applied).
+int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent* eventlist,
+           int nevents, const struct timespec* timeout);
+
+#ifdef __cplusplus
+}
+#endif
+
+// Fills all six fields. A negative ident is sign-extended.
+#define EV_SET(event, ident_, filter_, flags_, fflags_, data_, udata_) \
+    do {                                                               \
+        struct kevent* ev_set_record = (event);                        \
+        ev_set_record->ident = (uint64_t)(ident_);                     \
+        ev_set_record->filter = (filter_);                             \
+        ev_set_record->flags = (uint16_t)(flags_);                     \
+        ev_set_record->fflags = (uint32_t)(fflags_);                   \
+        ev_set_record->data = (int64_t)(data_);                        \
+        ev_set_record->udata = (void*)(udata_);                        \
+    } while (0)

@@ -1,0 +1,65 @@
+#include <unistd.h>
+
+#include "tests/platform/epoll_calls.h"
+#include "tests/platform/kernel_queue.h"
+#include "tests/support/failing_allocations.h"
+
+namespace {
+
+class Cost : public KernelQueueTest {
+protected:
+    // Changes and look in one call, as the event loop does it.
+    size_t exchange(std::initializer_list<struct kevent> changes) {
+        const struct timespec atOnce = {};
+        const int count = kevent(queue, changes.begin(), static_cast<int>(changes.size()),
+                                 records.data(), static_cast<int>(records.size()), &atOnce);
+        EXPECT_GE(count, 0);
+        return static_cast<size_t>(count);
+    }
+
+    static struct kevent writeChange(int fd, int flags) {
+        struct kevent change;
+        EV_SET(&change, fd, EVFILT_WRITE, flags, 0, 0, nullptr);
+        return change;
+    }
+
+    Records records = Records(64);
+};
+
+TEST_F(Cost, ArmingAndRemovingAWriteFilterOfASocketWithRoomTakesNoEpollCtl) {
+    const Pair pair = unixPair();
+    add(pair.ours, EVFILT_READ);
+    const int before = epollCtlCalls;
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(exchange({writeChange(pair.ours, EV_ADD | EV_ENABLE)}), 1U);
+        EXPECT_GT(records[0].data, 0);
+        ASSERT_EQ(exchange({writeChange(pair.ours, EV_DELETE)}), 0U);
+    }
+    EXPECT_EQ(epollCtlCalls, before);
+}
+
+TEST_F(Cost, SteadyStateAllocatesNothingAndTellsEpollNothing) {
+    Pair pair = unixPair();
+    add(pair.ours, EVFILT_READ);
+    ASSERT_EQ(change(1, EVFILT_TIMER, EV_ADD, 0), 0);
+    const auto round = [&] {
+        char byte = 'x';
+        const bool sent = write(pair.peer, &byte, 1) == 1;
+        const size_t ready = exchange({writeChange(pair.ours, EV_ADD | EV_ENABLE)});
+        const bool received = read(pair.ours, &byte, 1) == 1;
+        exchange({writeChange(pair.ours, EV_DELETE)});
+        return sent && received && ready >= 2;
+    };
+    for (int i = 0; i < 10; ++i)
+        ASSERT_TRUE(round());
+    const int before = epollCtlCalls;
+    const FailingAllocations first(1);
+    bool allRight = true;
+    for (int i = 0; i < 100; ++i)
+        allRight = round() && allRight;
+    EXPECT_FALSE(first.happened());
+    EXPECT_TRUE(allRight);
+    EXPECT_EQ(epollCtlCalls, before);
+}
+
+}  // namespace

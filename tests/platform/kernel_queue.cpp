@@ -1,0 +1,106 @@
+#include "tests/platform/kernel_queue.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+void Descriptor::reset() {
+    if (fd != -1) close(std::exchange(fd, -1));
+}
+
+Pair unixPair() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+Descriptor tcpListener(uint16_t& port) {
+    Descriptor listener(socket(AF_INET, SOCK_STREAM, 0));
+    struct sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(bind(listener, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listener, 128), 0);
+    socklen_t length = sizeof address;
+    EXPECT_EQ(getsockname(listener, reinterpret_cast<struct sockaddr*>(&address), &length), 0);
+    port = ntohs(address.sin_port);
+    return listener;
+}
+
+Descriptor connectTo(uint16_t port, bool blocking) {
+    Descriptor client(socket(AF_INET, SOCK_STREAM, 0));
+    struct sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (!blocking) fcntl(client, F_SETFL, O_NONBLOCK);
+    const int result =
+        connect(client, reinterpret_cast<struct sockaddr*>(&address), sizeof address);
+    EXPECT_TRUE(result == 0 || (!blocking && (errno == EINPROGRESS || errno == ECONNREFUSED)));
+    fcntl(client, F_SETFL, 0);
+    return client;
+}
+
+Pair tcpPair() {
+    uint16_t port = 0;
+    const Descriptor listener = tcpListener(port);
+    Descriptor client = connectTo(port);
+    Descriptor accepted(accept(listener, nullptr, nullptr));
+    return {std::move(client), std::move(accepted)};
+}
+
+Pair pipePair() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe(ends.data()), 0);
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+void send(int fd, const std::string& bytes) {
+    ASSERT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+}
+
+std::string receive(int fd, size_t size) {
+    std::string bytes(size, '\0');
+    const ssize_t count = read(fd, bytes.data(), size);
+    bytes.resize(count > 0 ? static_cast<size_t>(count) : 0);
+    return bytes;
+}
+
+KernelQueueTest::KernelQueueTest() : queue(kqueue()) {
+    EXPECT_NE(queue, -1);
+}
+
+int KernelQueueTest::change(uint64_t ident, int filter, int flags, int64_t data, void* udata) {
+    struct kevent change;
+    EV_SET(&change, ident, static_cast<int16_t>(filter), flags,
+           filter == EVFILT_TIMER ? NOTE_BACKGROUND : 0, data, udata);
+    return kevent(queue, &change, 1, nullptr, 0, nullptr) == 0 ? 0 : errno;
+}
+
+void KernelQueueTest::add(int fd, int filter, void* udata) {
+    ASSERT_EQ(change(static_cast<uint64_t>(fd), filter, EV_ADD | EV_ENABLE, 0, udata), 0);
+}
+
+void KernelQueueTest::remove(int fd, int filter) {
+    ASSERT_EQ(change(static_cast<uint64_t>(fd), filter, EV_DELETE), 0);
+}
+
+Records KernelQueueTest::wait(size_t room, int milliseconds) {
+    Records records(room);
+    const struct timespec timeout = {.tv_sec = milliseconds / 1000,
+                                     .tv_nsec = milliseconds % 1000 * 1'000'000};
+    const int count = kevent(queue, nullptr, 0, records.data(), static_cast<int>(room), &timeout);
+    EXPECT_NE(count, -1);
+    records.resize(count > 0 ? static_cast<size_t>(count) : 0);
+    return records;
+}
+
+struct kevent KernelQueueTest::waitForOne() {
+    const Records records = wait();
+    EXPECT_EQ(records.size(), 1U);
+    return records.empty() ? decltype(Records())::value_type{} : records.front();
+}

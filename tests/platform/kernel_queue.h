@@ -1,0 +1,67 @@
+// A kernel event queue and the descriptors to try it on.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/event.h>
+#include <sys/types.h>
+
+#include <array>
+#include <string>
+#include <utility>
+#include <vector>
+
+using Records = std::vector<struct kevent>;
+
+// Closes what it holds when it goes.
+class Descriptor {
+public:
+    Descriptor() = default;
+    explicit Descriptor(int number) : fd(number) {}
+    Descriptor(Descriptor&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(fd, other.fd);
+        return *this;
+    }
+    ~Descriptor() { reset(); }
+
+    operator int() const { return fd; }  // NOLINT(google-explicit-constructor): it is one
+    void reset();
+
+private:
+    int fd = -1;
+};
+
+struct Pair {
+    Descriptor ours;
+    Descriptor peer;
+};
+
+Pair unixPair();
+Pair tcpPair();
+Pair pipePair();  // ours reads, peer writes
+Descriptor tcpListener(uint16_t& port);
+Descriptor connectTo(uint16_t port, bool blocking = true);
+
+void send(int fd, const std::string& bytes);
+std::string receive(int fd, size_t size);
+
+class KernelQueueTest : public testing::Test {
+protected:
+    static constexpr int kPatience = 20'000;  // milliseconds: longer means it hangs
+
+    KernelQueueTest();
+
+    // One change on its own; the error number, 0 for none.
+    int change(uint64_t ident, int filter, int flags, int64_t data = 0, void* udata = nullptr);
+    void add(int fd, int filter, void* udata = nullptr);
+    void remove(int fd, int filter);
+
+    // Waits for at least one record.
+    Records wait(size_t room = 64, int milliseconds = kPatience);
+    Records look(size_t room = 64) { return wait(room, 0); }
+
+    // The one record that is there, or a failed test.
+    struct kevent waitForOne();
+
+    Descriptor queue;
+};

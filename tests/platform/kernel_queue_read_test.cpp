@@ -1,0 +1,187 @@
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "tests/platform/kernel_queue.h"
+
+namespace {
+
+using ReadFilter = KernelQueueTest;
+
+class ReadFilterOfAnyStream : public KernelQueueTest,
+                              public testing::WithParamInterface<Pair (*)()> {};
+
+INSTANTIATE_TEST_SUITE_P(UnixTcpAndPipe, ReadFilterOfAnyStream,
+                         testing::Values(unixPair, tcpPair, pipePair));
+
+TEST_P(ReadFilterOfAnyStream, CountsExactlyWhatAReadWouldFind) {
+    Pair pair = GetParam()();
+    add(pair.ours, EVFILT_READ);
+    EXPECT_TRUE(look().empty());
+    send(pair.peer, "abc");
+    EXPECT_EQ(waitForOne().data, 3);
+    send(pair.peer, std::string(1000, 'x'));
+    while (waitForOne().data != 1003) {
+        // TCP on loopback may take a moment; the count only grows.
+    }
+    EXPECT_EQ(receive(pair.ours, 1000).size(), 1000U);
+    EXPECT_EQ(waitForOne().data, 3);
+}
+
+TEST_P(ReadFilterOfAnyStream, StaysReadyUntilTheBytesAreRead) {
+    Pair pair = GetParam()();
+    add(pair.ours, EVFILT_READ);
+    send(pair.peer, "abc");
+    EXPECT_EQ(waitForOne().data, 3);
+    EXPECT_EQ(waitForOne().data, 3);
+    EXPECT_EQ(receive(pair.ours, 3), "abc");
+    EXPECT_TRUE(look().empty());
+}
+
+TEST_P(ReadFilterOfAnyStream, TellsTheEndWhileBytesAreLeft) {
+    Pair pair = GetParam()();
+    add(pair.ours, EVFILT_READ);
+    send(pair.peer, "abc");
+    pair.peer.reset();
+    struct kevent record = waitForOne();
+    while ((record.flags & EV_EOF) == 0)
+        record = waitForOne();
+    EXPECT_EQ(record.data, 3);
+    EXPECT_EQ(record.fflags, 0U);
+    EXPECT_EQ(receive(pair.ours, 3), "abc");
+    record = waitForOne();
+    EXPECT_EQ(record.data, 0);
+    EXPECT_NE(record.flags & EV_EOF, 0);
+}
+
+TEST_F(ReadFilter, TellsTheEndWhenThePeerShutsItsSendingSideOnly) {
+    for (const auto make : {unixPair, tcpPair}) {
+        Pair pair = make();
+        add(pair.ours, EVFILT_READ);
+        ASSERT_EQ(shutdown(pair.peer, SHUT_WR), 0);
+        const struct kevent record = waitForOne();
+        EXPECT_NE(record.flags & EV_EOF, 0);
+        EXPECT_EQ(record.data, 0);
+        remove(pair.ours, EVFILT_READ);
+    }
+}
+
+TEST_F(ReadFilter, CarriesThePendingErrorOfAResetConnectionAndKeepsIt) {
+    Pair pair = tcpPair();
+    add(pair.ours, EVFILT_READ);
+    const struct linger abortive = {.l_onoff = 1, .l_linger = 0};
+    ASSERT_EQ(setsockopt(pair.peer, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive), 0);
+    pair.peer.reset();
+    for (int i = 0; i < 2; ++i) {
+        const struct kevent record = waitForOne();
+        EXPECT_NE(record.flags & EV_EOF, 0);
+        EXPECT_EQ(record.fflags, static_cast<uint32_t>(ECONNRESET));
+    }
+}
+
+TEST_F(ReadFilter, CarriesTheErrorOfAUnixPeerThatClosedWithBytesUnread) {
+    Pair pair = unixPair();
+    add(pair.ours, EVFILT_READ);
+    send(pair.ours, "unread");
+    pair.peer.reset();
+    const struct kevent record = waitForOne();
+    EXPECT_NE(record.flags & EV_EOF, 0);
+    EXPECT_EQ(record.fflags, static_cast<uint32_t>(ECONNRESET));
+    EXPECT_EQ(record.data, 0);
+}
+
+TEST_F(ReadFilter, OfAListeningSocketIsReadyWhileConnectionsWait) {
+    uint16_t port = 0;
+    const Descriptor listener = tcpListener(port);
+    add(listener, EVFILT_READ);
+    EXPECT_TRUE(look().empty());
+    const Descriptor first = connectTo(port);
+    const Descriptor second = connectTo(port);
+    EXPECT_GE(waitForOne().data, 1);
+    Descriptor(accept(listener, nullptr, nullptr)).reset();
+    EXPECT_GE(waitForOne().data, 1);
+    Descriptor(accept(listener, nullptr, nullptr)).reset();
+    EXPECT_TRUE(look().empty());
+}
+
+TEST_F(ReadFilter, OfAConnectionInProgressIsSilentUntilItIsDecided) {
+    uint16_t port = 0;
+    { const Descriptor listener = tcpListener(port); }
+    const Descriptor client = connectTo(port, false);
+    add(client, EVFILT_READ);
+    const struct kevent record = waitForOne();
+    EXPECT_NE(record.flags & EV_EOF, 0);
+}
+
+TEST_F(ReadFilter, OfAnUnconnectedSocketIsSilentAndWakesWithTheConnection) {
+    uint16_t port = 0;
+    const Descriptor listener = tcpListener(port);
+    const Descriptor client(socket(AF_INET, SOCK_STREAM, 0));
+    add(client, EVFILT_READ);
+    add(client, EVFILT_WRITE);
+    EXPECT_TRUE(wait(8, 20).empty());
+    struct sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(client, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(waitForOne().filter, EVFILT_WRITE);
+    remove(client, EVFILT_WRITE);
+    const Descriptor accepted(accept(listener, nullptr, nullptr));
+    send(accepted, "hello");
+    EXPECT_EQ(waitForOne().data, 5);
+}
+
+// A Unix datagram of no bytes makes a socket readable, with nothing to read.
+TEST_F(ReadFilter, SwallowsAWakeUpWithoutBytesAndGoesOnAfterwards) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends.data()), 0);
+    const Descriptor ours(ends[0]);
+    const Descriptor peer(ends[1]);
+    add(ours, EVFILT_READ);
+    ASSERT_EQ(::send(peer, "", 0, 0), 0);
+    EXPECT_TRUE(wait(8, 20).empty());
+    char nothing = 0;
+    ASSERT_EQ(recv(ours, &nothing, 1, 0), 0);
+    ASSERT_EQ(::send(peer, "abcd", 4, 0), 4);
+    EXPECT_EQ(waitForOne().data, 4);
+}
+
+TEST_F(ReadFilter, OfAFifoFollowsItsWriters) {
+    std::string path = testing::TempDir() + "fifo-XXXXXX";
+    ASSERT_NE(mkdtemp(path.data()), nullptr);
+    const std::string fifo = path + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const Descriptor reader(open(fifo.c_str(), O_RDONLY | O_NONBLOCK));
+    Descriptor writer(open(fifo.c_str(), O_WRONLY));
+    add(reader, EVFILT_READ);
+    send(writer, "12345");
+    EXPECT_EQ(waitForOne().data, 5);
+    writer.reset();
+    EXPECT_NE(waitForOne().flags & EV_EOF, 0);
+    unlink(fifo.c_str());
+    rmdir(path.c_str());
+}
+
+TEST_F(ReadFilter, OfATerminalCountsTheBytesOfALine) {
+    const Descriptor master(posix_openpt(O_RDWR | O_NOCTTY));
+    ASSERT_NE(master, -1);
+    ASSERT_EQ(grantpt(master), 0);
+    ASSERT_EQ(unlockpt(master), 0);
+    const Descriptor terminal(open(ptsname(master), O_RDWR | O_NOCTTY));
+    add(terminal, EVFILT_READ);
+    send(master, "hello\n");
+    EXPECT_EQ(waitForOne().data, 6);
+    EXPECT_EQ(receive(terminal, 6), "hello\n");
+    send(master, "\x04");
+    const struct kevent record = waitForOne();
+    EXPECT_EQ(record.data, 0);
+    EXPECT_NE(record.flags & EV_EOF, 0);
+}
+
+}  // namespace

@@ -1,0 +1,125 @@
+#include <cerrno>
+#include <ctime>
+
+#include "tests/platform/kernel_queue.h"
+
+namespace {
+
+using TimerFilter = KernelQueueTest;
+
+constexpr int64_t kMillisecond = 1'000'000;
+
+int64_t now() {
+    struct timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec * 1'000 * kMillisecond + time.tv_nsec;
+}
+
+TEST_F(TimerFilter, FiresAgainAndAgainNeverEarly) {
+    int tag = 0;
+    const int64_t start = now();
+    ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD | EV_ENABLE, 3, &tag), 0);
+    int64_t expirations = 0;
+    while (expirations < 5) {
+        const struct kevent record = waitForOne();
+        EXPECT_EQ(record.filter, EVFILT_TIMER);
+        EXPECT_EQ(record.ident, 5U);
+        EXPECT_EQ(record.udata, &tag);
+        expirations += record.data;
+        EXPECT_GE(now() - start, expirations * 3 * kMillisecond);
+    }
+}
+
+TEST_F(TimerFilter, CountsTheExpirationsThatNobodyFetchedWithoutDrift) {
+    ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD, 2), 0);
+    const int64_t start = now();
+    const struct timespec pause = {.tv_sec = 0, .tv_nsec = 25 * kMillisecond};
+    nanosleep(&pause, nullptr);
+    const int64_t first = waitForOne().data;
+    EXPECT_GE(first, 12);
+    int64_t total = first;
+    while (total < 30)
+        total += waitForOne().data;
+    const int64_t elapsed = now() - start;
+    total += [this] {
+        const Records last = look();
+        return last.empty() ? 0 : last.front().data;
+    }();
+    // As many as the time allows, not fewer because deliveries came late.
+    EXPECT_GE(total, elapsed / (2 * kMillisecond));
+}
+
+TEST_F(TimerFilter, OneShotFiresOnceAndIsGone) {
+    ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD | EV_ONESHOT, 1), 0);
+    const struct timespec pause = {.tv_sec = 0, .tv_nsec = 5 * kMillisecond};
+    nanosleep(&pause, nullptr);  // late deliveries count once too
+    EXPECT_EQ(waitForOne().data, 1);
+    EXPECT_TRUE(wait(8, 10).empty());
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), ENOENT);
+}
+
+TEST_F(TimerFilter, AddedAgainStartsAfreshWithTheNewPeriod) {
+    ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD, 3'600'000), 0);
+    const int64_t start = now();
+    ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD | EV_ONESHOT, 10), 0);
+    EXPECT_EQ(waitForOne().data, 1);
+    EXPECT_GE(now() - start, 10 * kMillisecond);
+
+    ASSERT_EQ(change(6, EVFILT_TIMER, EV_ADD, 1), 0);
+    ASSERT_EQ(change(6, EVFILT_TIMER, EV_ADD, 3'600'000), 0);
+    EXPECT_TRUE(wait(8, 10).empty());
+}
+
+TEST_F(TimerFilter, PeriodOfZeroOrLessFiresOnceAtOnceAndStaysRegistered) {
+    for (const int64_t period : {int64_t{0}, int64_t{-1}, int64_t{-2'147'483'648}}) {
+        ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD, period), 0);
+        EXPECT_EQ(waitForOne().data, 1);
+        EXPECT_TRUE(wait(8, 10).empty());
+        ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD, 1), 0);
+        EXPECT_GE(waitForOne().data, 1);
+        EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), 0);
+    }
+}
+
+TEST_F(TimerFilter, PeriodBeyondTheClockFailsAndKeepsTheOldTimer) {
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_ADD, INT64_MAX), ERANGE);
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_ADD, INT64_MAX / kMillisecond), ERANGE);
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), ENOENT);
+    ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD, 1), 0);
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_ADD, INT64_MAX), ERANGE);
+    EXPECT_GE(waitForOne().data, 1);
+}
+
+TEST_F(TimerFilter, RemovedTimerIsSilent) {
+    ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD, 1), 0);
+    ASSERT_EQ(change(5, EVFILT_TIMER, EV_DELETE), 0);
+    EXPECT_TRUE(wait(8, 10).empty());
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), ENOENT);
+}
+
+TEST_F(TimerFilter, ManyTimersFireInTheOrderOfTheirDeadlines) {
+    std::vector<uint64_t> expected;
+    for (uint64_t i = 0; i < 100; ++i) {
+        expected.push_back(i * 37 % 100);
+        ASSERT_EQ(
+            change(expected.back(), EVFILT_TIMER, EV_ADD | EV_ONESHOT, static_cast<int64_t>(i + 1)),
+            0);
+    }
+    std::vector<uint64_t> order;
+    while (order.size() < 100)
+        for (const struct kevent& record : wait())
+            order.push_back(record.ident);
+    EXPECT_EQ(order, expected);
+}
+
+TEST_F(TimerFilter, SharesItsIdentWithADescriptorWithoutConfusion) {
+    Pair pair = unixPair();
+    const auto ident = static_cast<uint64_t>(pair.ours);
+    add(pair.ours, EVFILT_READ);
+    ASSERT_EQ(change(ident, EVFILT_TIMER, EV_ADD | EV_ONESHOT, 1), 0);
+    EXPECT_EQ(waitForOne().filter, EVFILT_TIMER);
+    send(pair.peer, "x");
+    EXPECT_EQ(waitForOne().filter, EVFILT_READ);
+}
+
+}  // namespace

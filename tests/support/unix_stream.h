@@ -1,0 +1,51 @@
+// One end of a connected Unix-domain stream, for tests: blocking, in plain calls.
+//
+// Whatever does not happen within a minute throws std::runtime_error, so that a test fails rather
+// than hangs.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+// The bytes of a frame, put together here so that the tests do not trust the code under test.
+[[nodiscard]] std::string frame(int32_t command, std::string_view payload);
+
+// The eight bytes that announce a payload of the given length.
+[[nodiscard]] std::string frameHeader(int32_t command, uint32_t length);
+
+class UnixStream {
+public:
+    [[nodiscard]] static UnixStream connectTo(const std::string& path);
+
+    // Takes over a connected descriptor.
+    explicit UnixStream(int connectedSocket);
+    ~UnixStream();
+    UnixStream(UnixStream&& other) noexcept;
+    UnixStream(const UnixStream&) = delete;
+    UnixStream& operator=(const UnixStream&) = delete;
+
+    // False when the other end is gone.
+    [[nodiscard]] bool send(std::string_view bytes) const;
+
+    // Returns once the other end has read all that was sent, or has closed.
+    void waitUntilTaken() const;
+
+    // Exactly size bytes, fewer only when the stream ends before.
+    [[nodiscard]] std::string receive(size_t size) const;
+
+    // One whole frame, header included; less only when the stream ends before.
+    [[nodiscard]] std::string receiveFrame() const;
+
+    [[nodiscard]] std::string receiveToEnd() const;
+
+    // Whether nothing is there to be read, not even the end.
+    [[nodiscard]] bool isSilent() const;
+
+    void closeSending() const;
+    void close();
+
+private:
+    int sock;
+};
