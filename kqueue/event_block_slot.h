@@ -1,0 +1,46 @@
+// Where a source keeps its owner's block. Internal to the library.
+//
+// An owner may hand in a new block while the I/O thread runs the old one, so each call keeps the
+// block it began with alive.
+//
+// Threads    any. The lock is never held while a block runs.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "kqueue/HXKQueueEvent.h"
+
+class EventBlockSlot {
+public:
+    // Throws std::bad_alloc; the earlier block then stays, and block is the caller's still.
+    void store(HXKQueueEventBlock&& block) {
+        replace(std::make_shared<const HXKQueueEventBlock>(std::move(block)));
+    }
+
+    void clear() noexcept { replace(nullptr); }
+
+    // False without a block.
+    bool call(const std::shared_ptr<HXKQueueEventProtocol>& source, const char* bytes,
+              uint64_t size, uint64_t* dropSize, int32_t code) const {
+        const std::shared_ptr<const HXKQueueEventBlock> block = current();
+        return block && *block && (*block)(source, bytes, size, dropSize, code);
+    }
+
+private:
+    std::shared_ptr<const HXKQueueEventBlock> current() const {
+        const std::lock_guard guard(lock);
+        return installed;
+    }
+
+    // The earlier block, and all that it holds, goes after the lock is released.
+    void replace(std::shared_ptr<const HXKQueueEventBlock> block) noexcept {
+        const std::lock_guard guard(lock);
+        installed.swap(block);
+    }
+
+    mutable std::mutex lock;
+    std::shared_ptr<const HXKQueueEventBlock> installed;  // guarded by lock
+};

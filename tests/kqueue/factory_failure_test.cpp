@@ -1,0 +1,243 @@
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+#include "kqueue/HXKQueueStreamSocket.h"
+#include "kqueue/HXKQueueTCPClient.h"
+#include "kqueue/HXKQueueTCPServer.h"
+#include "kqueue/HXKQueueUnixClient.h"
+#include "kqueue/HXKQueueUnixServer.h"
+#include "tests/kqueue/failing_calls.h"
+#include "tests/kqueue/loop_fixture.h"
+#include "tests/support/failing_allocations.h"
+
+namespace {
+
+// The loop is not started: what the factories do needs no I/O thread.
+class FactoryFailure : public testing::Test {
+protected:
+    FactoryFailure()
+        : path(directory.file("socket")), listener(listenAt(path)), before(openDescriptors()) {}
+    ~FactoryFailure() override { close(listener); }
+
+    static int listenAt(const std::string& path) {
+        struct sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        const int sock = socket(AF_UNIX, SOCK_STREAM, 0);
+        EXPECT_EQ(bind(sock, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(sock, 16), 0);
+        return sock;
+    }
+
+    void expectOnlyError(const std::string& message) {
+        EXPECT_EQ(log.errors(), std::vector<std::string>{"error " + message});
+        EXPECT_EQ(openDescriptors(), before);
+    }
+
+    // Fails each allocation of the factory in turn. The first is the object itself; the others
+    // belong to its registration, which costs the registration only.
+    template <typename Factory>
+    void failEachAllocation(const std::string& message, Factory factory) {
+        for (uint64_t nth = 1;; ++nth) {
+            const size_t errorsBefore = log.errors().size();
+            std::optional<FailingAllocations> failing(nth);
+            const auto source = factory();
+            failing->end();
+            const bool happened = failing->happened();
+            failing.reset();
+            const auto errors = log.errors();
+            if (!happened) {
+                EXPECT_NE(source, nullptr);
+                EXPECT_EQ(errors.size(), errorsBefore);
+                EXPECT_GT(nth, 2U);
+                return;
+            }
+            ASSERT_EQ(errors.size(), errorsBefore + 1);
+            if (source) {
+                EXPECT_EQ(errors.back(), "error " + tagOf(source.get()) + ": cannot be added");
+                source->stop();
+            } else {
+                EXPECT_EQ(errors.back(), "error " + message);
+            }
+        }
+    }
+
+    LogRecorder log{LogLevel::Error};
+    TemporaryDirectory directory;
+    std::string path;
+    int listener;
+    std::shared_ptr<HXKQueue> loop = HXKQueue::initWithSubsystem("org.example.usb.virt.ctl");
+    size_t before;
+};
+
+TEST_F(FactoryFailure, WithoutASocketEveryFactoryThatMakesOneFails) {
+    const struct sockaddr_storage address = loopback(AF_INET, 0);
+    failingCalls.socket = EMFILE;
+    EXPECT_EQ(loop->createUnixClient(path.c_str()), nullptr);
+    failingCalls.socket = EMFILE;
+    EXPECT_EQ(loop->createTCPClient(asSockaddr(address)), nullptr);
+    failingCalls.socket = EMFILE;
+    EXPECT_EQ(loop->createTCPServer(asSockaddr(address)), nullptr);
+    failingCalls.socket = EMFILE;
+    EXPECT_EQ(loop->createUnixServer(directory.file("other").c_str(), 0600), nullptr);
+    EXPECT_EQ(log.errors(),
+              (std::vector<std::string>{"error cannot initialize unix socket object",
+                                        "error cannot initialize TCP socket object",
+                                        "error cannot initialize TCP server socket object",
+                                        "error cannot initialize unix server socket object"}));
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(FactoryFailure, ClientWhoseFlagsCannotBeReadFails) {
+    failingCalls.getFlags = EBADF;
+    EXPECT_EQ(loop->createUnixClient(path.c_str()), nullptr);
+    expectOnlyError("cannot initialize unix socket object");
+}
+
+TEST_F(FactoryFailure, ClientWhoseFlagsCannotBeSetFails) {
+    failingCalls.setFlags = EPERM;
+    EXPECT_EQ(loop->createUnixClient(path.c_str()), nullptr);
+    expectOnlyError("cannot initialize unix socket object");
+}
+
+TEST_F(FactoryFailure, ServersThatCannotListenFailAndTheUnixOneLeavesItsFile) {
+    const std::string other = directory.file("other");
+    failingCalls.listen = EADDRINUSE;
+    EXPECT_EQ(loop->createUnixServer(other.c_str(), 0600), nullptr);
+    expectOnlyError("cannot initialize unix server socket object");
+    EXPECT_EQ(access(other.c_str(), F_OK), 0);
+    failingCalls.listen = EADDRINUSE;
+    EXPECT_EQ(loop->createTCPServer(asSockaddr(loopback(AF_INET, 0))), nullptr);
+    EXPECT_EQ(log.errors().back(), "error cannot initialize TCP server socket object");
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(FactoryFailure, StreamSocketFailsWithEachOfItsAllocations) {
+    failEachAllocation("cannot initialize stream socket object",
+                       [this] { return loop->createStreamSocket(listener, false); });
+}
+
+TEST_F(FactoryFailure, UnixClientFailsWithEachOfItsAllocations) {
+    failEachAllocation("cannot initialize unix socket object",
+                       [this] { return loop->createUnixClient(path.c_str()); });
+}
+
+TEST_F(FactoryFailure, TcpServerFailsWithEachOfItsAllocations) {
+    failEachAllocation("cannot initialize TCP server socket object",
+                       [this] { return loop->createTCPServer(asSockaddr(loopback(AF_INET, 0))); });
+}
+
+TEST_F(FactoryFailure, UnixServerFailsWithEachOfItsAllocations) {
+    const std::string other = directory.file("other");
+    failEachAllocation("cannot initialize unix server socket object",
+                       [&] { return loop->createUnixServer(other.c_str(), 0600); });
+}
+
+TEST_F(FactoryFailure, TcpClientFailsWithEachOfItsAllocations) {
+    struct sockaddr_storage address = loopback(AF_INET, 0);
+    const int sock = socket(AF_INET, SOCK_STREAM, 0);
+    socklen_t length = sizeof(sockaddr_in);
+    ASSERT_EQ(bind(sock, asSockaddr(address), length), 0);
+    ASSERT_EQ(listen(sock, 16), 0);
+    getsockname(sock, reinterpret_cast<struct sockaddr*>(&address), &length);
+    failEachAllocation("cannot initialize TCP socket object",
+                       [&] { return loop->createTCPClient(asSockaddr(address)); });
+    close(sock);
+}
+
+TEST_F(FactoryFailure, BlockThatCannotBeKeptIsToldThatTheStreamHasEnded) {
+    const auto source = loop->createStreamSocket(listener, false);
+    int32_t said = -1;
+    HXKQueueEventBlock block = [&said](auto&&, auto&&, auto&&, auto&&, int32_t code) {
+        said = code;
+        return true;
+    };
+    {
+        const FailingAllocations failing(1);
+        loop->startObject(source, std::move(block));
+    }
+    EXPECT_EQ(said, HXKQueueEventTerminated);
+    expectOnlyError(tagOf(source.get()) + ": cannot keep event block");
+}
+
+TEST_F(FactoryFailure, BytesThatCannotBeQueuedAreLogged) {
+    const auto source = loop->createStreamSocket(listener, false);
+    loop->startObject(source, [](auto&&...) { return true; });
+    {
+        const FailingAllocations failing(1);
+        EXPECT_TRUE(loop->write(source, "x", 1));
+    }
+    expectOnlyError(tagOf(source.get()) + ": cannot queue bytes");
+}
+
+class ReceiveFailure : public LoopTest {};
+
+TEST_F(ReceiveFailure, BytesWithoutMemoryForThemAreTerminated) {
+    EventRecorder events;
+    const Stream stream = makeStream();
+    loop->startObject(stream.source, events.block());
+    // After the first byte the I/O thread has all that it needs, but for more bytes than one.
+    ASSERT_EQ(::write(stream.peer, "x", 1), 1);
+    ASSERT_TRUE(events.waitFor(HXKQueueEventData));
+    const std::string bytes(1000, 'x');
+    {
+        const FailingAllocations failing(1, FailingAllocations::Extent::OnlyThatOne,
+                                         FailingAllocations::Threads::All);
+        ASSERT_EQ(::write(stream.peer, bytes.data(), bytes.size()), 1000);
+        while (events.count(HXKQueueEventTerminated) == 0)
+            sched_yield();
+    }
+    EXPECT_EQ(log.errors(), std::vector<std::string>{"error " + tagOf(stream.source.get()) +
+                                                     ": cannot receive bytes"});
+    stopLoop();
+    close(stream.peer);
+}
+
+class AcceptFailure : public LoopTest {};
+
+TEST_F(AcceptFailure, IsLoggedOncePerRecordAndTheServerGoesOn) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("socket");
+    EventRecorder events;
+    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    failingCalls.accept = EMFILE;
+    loop->startObject(server, events.answering(false));
+    const int client = socket(AF_UNIX, SOCK_STREAM, 0);
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(connect(client, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0);
+    ASSERT_TRUE(events.waitFor(HXKQueueEventData));
+    EXPECT_EQ(log.errors(), std::vector<std::string>{"error " + tagOf(server.get()) +
+                                                     ": cannot accept unix connection"});
+    close(client);
+    stopLoop();
+}
+
+TEST_F(AcceptFailure, OfATcpServerIsLoggedToo) {
+    struct sockaddr_storage address = loopback(AF_INET, 0);
+    const int probe = socket(AF_INET, SOCK_STREAM, 0);
+    socklen_t length = sizeof(sockaddr_in);
+    ASSERT_EQ(bind(probe, asSockaddr(address), length), 0);
+    getsockname(probe, reinterpret_cast<struct sockaddr*>(&address), &length);
+    close(probe);
+    EventRecorder events;
+    const auto server = loop->createTCPServer(asSockaddr(address));
+    failingCalls.accept = ECONNABORTED;
+    loop->startObject(server, events.answering(false));
+    const int client = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(connect(client, asSockaddr(address), length), 0);
+    ASSERT_TRUE(events.waitFor(HXKQueueEventData));
+    EXPECT_EQ(log.errors(), std::vector<std::string>{"error " + tagOf(server.get()) +
+                                                     ": cannot accept inet connection"});
+    close(client);
+    stopLoop();
+}
+
+}  // namespace

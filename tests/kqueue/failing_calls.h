@@ -1,0 +1,17 @@
+// System calls of this executable that fail on demand. The process has one set.
+#pragma once
+
+#include <atomic>
+
+struct FailingCalls {
+    // The error numbers that the next call fails with; 0: it goes to the system.
+    std::atomic<int> getFlags{0};  // fcntl, F_GETFL
+    std::atomic<int> setFlags{0};  // fcntl, F_SETFL
+    std::atomic<int> socket{0};
+    std::atomic<int> listen{0};
+    std::atomic<int> accept{0};
+    std::atomic<int> createQueue{0};   // epoll_create1
+    std::atomic<int> createThread{0};  // pthread_create
+};
+
+extern FailingCalls failingCalls;

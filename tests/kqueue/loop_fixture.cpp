@@ -1,0 +1,132 @@
+#include "tests/kqueue/loop_fixture.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "kqueue/HXKQueueStreamSocket.h"
+
+LogRecorder::LogRecorder(LogLevel least) {
+    logSetLevel(least);
+    logSetSink([this](LogLevel level, const std::string& /*subsystem*/, const std::string& category,
+                      const char* message) {
+        if (category != "kqueue") return;
+        const std::lock_guard guard(lock);
+        recorded.push_back((level == LogLevel::Error ? "error " : "debug ") + std::string(message));
+        changed.notify_all();
+    });
+}
+
+LogRecorder::~LogRecorder() {
+    logSetSink(nullptr);
+    logSetLevel(LogLevel::Error);
+}
+
+std::vector<std::string> LogRecorder::lines() const {
+    const std::lock_guard guard(lock);
+    return recorded;
+}
+
+std::vector<std::string> LogRecorder::errors() const {
+    std::vector<std::string> errors = lines();
+    std::erase_if(errors, [](const std::string& line) { return !line.starts_with("error "); });
+    return errors;
+}
+
+bool LogRecorder::has(const std::string& line) const {
+    const std::vector<std::string> all = lines();
+    return std::find(all.begin(), all.end(), line) != all.end();
+}
+
+bool LogRecorder::waitFor(const std::string& line) {
+    std::unique_lock guard(lock);
+    return changed.wait_for(guard, std::chrono::seconds(20), [&] {
+        return std::find(recorded.begin(), recorded.end(), line) != recorded.end();
+    });
+}
+
+std::string tagOf(const void* object) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "<%p>", object);
+    return text.data();
+}
+
+size_t openDescriptors() {
+    size_t count = 0;
+    DIR* directory = opendir("/proc/self/fd");
+    while (readdir(directory))
+        ++count;
+    closedir(directory);
+    return count;
+}
+
+TemporaryDirectory::TemporaryDirectory() : path("/tmp/hxkqueue-XXXXXX") {
+    EXPECT_NE(mkdtemp(path.data()), nullptr);
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+    DIR* directory = opendir(path.c_str());
+    while (const struct dirent* entry = readdir(directory))
+        if (entry->d_name[0] != '.') unlinkat(dirfd(directory), entry->d_name, 0);
+    closedir(directory);
+    rmdir(path.c_str());
+}
+
+struct sockaddr_storage loopback(sa_family_t family, uint16_t port) {
+    struct sockaddr_storage address = {};
+    address.ss_family = family;
+    if (family == AF_INET6) {
+        auto* inet6 = reinterpret_cast<struct sockaddr_in6*>(&address);
+        inet6->sin6_addr = in6addr_loopback;
+        inet6->sin6_port = htons(port);
+    } else {
+        auto* inet = reinterpret_cast<struct sockaddr_in*>(&address);
+        inet->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        inet->sin_port = htons(port);
+    }
+    return address;
+}
+
+const struct sockaddr* asSockaddr(const struct sockaddr_storage& address) {
+    return reinterpret_cast<const struct sockaddr*>(&address);
+}
+
+LoopTest::LoopTest() : loop(HXKQueue::initWithSubsystem(kSubsystem)) {
+    loop->start();
+}
+
+LoopTest::~LoopTest() {
+    stopLoop();
+}
+
+void LoopTest::stopLoop() {
+    if (loop) loop->stop();
+    loop = nullptr;
+}
+
+// A source that is stopped is stopped at the start of an iteration.
+void LoopTest::settle() {
+    for (int i = 0; i < 2; ++i) {
+        const auto stream = makeStream();
+        loop->stopObject(stream.source);
+        while (fcntl(stream.sock, F_GETFD) != -1)
+            sched_yield();  // until the stop has closed it
+        close(stream.peer);
+    }
+}
+
+LoopTest::Stream LoopTest::makeStream(bool closeOnStop) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+    return {loop->createStreamSocket(ends[0], closeOnStop), ends[0], ends[1]};
+}

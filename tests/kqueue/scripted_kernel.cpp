@@ -1,0 +1,106 @@
+#include "tests/kqueue/scripted_kernel.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <utility>
+
+#include "kqueue/HXKQueue.h"
+
+ScriptedKernel& ScriptedKernel::instance() {
+    static ScriptedKernel& shared = *new ScriptedKernel;
+    return shared;
+}
+
+void ScriptedKernel::reset() {
+    const std::lock_guard guard(lock);
+    submitted.clear();
+    pending.clear();
+    failing = false;
+    failures = 0;
+}
+
+void ScriptedKernel::deliver(std::vector<struct kevent> records) {
+    const std::lock_guard guard(lock);
+    pending.insert(pending.end(), records.begin(), records.end());
+    changed.notify_all();
+}
+
+void ScriptedKernel::beforeNextRemoval(std::function<void()> action) {
+    const std::lock_guard guard(lock);
+    beforeRemoval = std::move(action);
+}
+
+void ScriptedKernel::removalIsComing() {
+    std::function<void()> action;
+    {
+        const std::lock_guard guard(lock);
+        action.swap(beforeRemoval);
+    }
+    if (action) action();
+}
+
+void ScriptedKernel::failNextCall() {
+    const std::lock_guard guard(lock);
+    failing = true;
+}
+
+// Three calls: the one under way may have begun before, the next hands out what is pending, and
+// that has been handled when one more begins.
+void ScriptedKernel::settle() {
+    std::unique_lock guard(lock);
+    const size_t enough = calls + 3;
+    changed.wait(guard, [&] { return calls >= enough; });
+}
+
+std::vector<ScriptedKernel::Change> ScriptedKernel::changes() const {
+    const std::lock_guard guard(lock);
+    return submitted;
+}
+
+size_t ScriptedKernel::failedCalls() const {
+    const std::lock_guard guard(lock);
+    return failures;
+}
+
+int ScriptedKernel::call(const struct kevent* changes, int changeCount, struct kevent* events,
+                         int room, const struct timespec* timeout) {
+    std::unique_lock guard(lock);
+    ++calls;
+    changed.notify_all();
+    if (failing) {
+        failing = false;
+        ++failures;
+        errno = EINTR;
+        return -1;
+    }
+    for (int i = 0; i < changeCount; ++i)
+        submitted.push_back({changes[i].ident, changes[i].filter, changes[i].flags});
+    changed.wait_for(guard, std::chrono::nanoseconds(timeout->tv_nsec),
+                     [&] { return !pending.empty(); });
+    const size_t count = std::min(pending.size(), static_cast<size_t>(room));
+    std::copy_n(pending.begin(), count, events);
+    pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(count));
+    return static_cast<int>(count);
+}
+
+// The names are the linker's: the second is that of HXKQueue::submitChange(const struct kevent*).
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,readability-identifier-naming)
+extern "C" {
+
+int __wrap_kevent(int kq, const struct kevent* changes, int changeCount, struct kevent* events,
+                  int room, const struct timespec* timeout);
+void __real__ZN8HXKQueue12submitChangeEPK6kevent(HXKQueue* loop, const struct kevent* change);
+void __wrap__ZN8HXKQueue12submitChangeEPK6kevent(HXKQueue* loop, const struct kevent* change);
+
+int __wrap_kevent(int /*kq*/, const struct kevent* changes, int changeCount, struct kevent* events,
+                  int room, const struct timespec* timeout) {
+    return ScriptedKernel::instance().call(changes, changeCount, events, room, timeout);
+}
+
+void __wrap__ZN8HXKQueue12submitChangeEPK6kevent(HXKQueue* loop, const struct kevent* change) {
+    if ((change->flags & EV_DELETE) != 0) ScriptedKernel::instance().removalIsComing();
+    __real__ZN8HXKQueue12submitChangeEPK6kevent(loop, change);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,readability-identifier-naming)

@@ -1,0 +1,297 @@
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "kqueue/HXKQueueStreamSocket.h"
+#include "kqueue/HXKQueueTCPClient.h"
+#include "tests/kqueue/loop_fixture.h"
+#include "tests/kqueue/scripted_kernel.h"
+
+namespace {
+
+using Change = ScriptedKernel::Change;
+constexpr int kArm = EV_ADD | EV_ENABLE;
+
+class StreamSocketAndKernel : public LoopTest {
+protected:
+    StreamSocketAndKernel() {
+        kernel.reset();
+        stream = makeStream();
+        fcntl(stream.peer, F_SETFL, O_NONBLOCK);
+    }
+    ~StreamSocketAndKernel() override {
+        stopLoop();
+        close(stream.peer);
+    }
+
+    void start() {
+        loop->startObject(stream.source, events.block());
+        kernel.settle();
+        kernel.reset();
+    }
+
+    void report(int filter, int64_t data, int flags = 0) {
+        struct kevent record;
+        EV_SET(&record, stream.sock, static_cast<int16_t>(filter), flags, 0, data,
+               static_cast<void*>(stream.source.get()));
+        kernel.deliver({record});
+        kernel.settle();
+    }
+
+    [[nodiscard]] Change change(int filter, int flags) const {
+        return {static_cast<uint64_t>(stream.sock), filter, flags};
+    }
+
+    [[nodiscard]] std::string arrived() const {
+        std::array<char, 64> bytes{};
+        const ssize_t size = read(stream.peer, bytes.data(), bytes.size());
+        return {bytes.data(), size > 0 ? static_cast<size_t>(size) : 0};
+    }
+
+    ScriptedKernel& kernel = ScriptedKernel::instance();
+    EventRecorder events;
+    Stream stream;
+};
+
+TEST_F(StreamSocketAndKernel, ConnectedOneRegistersForReadingAfterItsBlockHasRun) {
+    loop->startObject(stream.source, events.block([this](const RecordedEvent& event, auto*) {
+        loop->write(event.source, "x", 1);
+        return true;
+    }));
+    kernel.settle();
+    EXPECT_EQ(kernel.changes(),
+              (std::vector<Change>{change(EVFILT_WRITE, kArm), change(EVFILT_READ, kArm)}));
+}
+
+TEST_F(StreamSocketAndKernel, WriteOfNothingSubmitsNothing) {
+    start();
+    loop->write(stream.source, "x", 0);
+    kernel.settle();
+    EXPECT_TRUE(kernel.changes().empty());
+}
+
+TEST_F(StreamSocketAndKernel, EveryWriteArmsTheFilter) {
+    start();
+    loop->write(stream.source, "a", 1);
+    loop->write(stream.source, "b", 1);
+    kernel.settle();
+    EXPECT_EQ(kernel.changes(), (std::vector<Change>(2, change(EVFILT_WRITE, kArm))));
+}
+
+TEST_F(StreamSocketAndKernel, WritesNoMoreThanTheRoomAndRemovesTheFilterWithTheLastByte) {
+    start();
+    loop->write(stream.source, "0123456789", 10);
+    kernel.settle();
+    kernel.reset();
+    report(EVFILT_WRITE, 4);
+    EXPECT_EQ(arrived(), "0123");
+    EXPECT_TRUE(kernel.changes().empty());
+    report(EVFILT_WRITE, 100);
+    EXPECT_EQ(arrived(), "456789");
+    EXPECT_EQ(kernel.changes(), (std::vector<Change>{change(EVFILT_WRITE, EV_DELETE)}));
+}
+
+TEST_F(StreamSocketAndKernel, RoomOfNothingWritesNothingAndKeepsTheFilter) {
+    start();
+    loop->write(stream.source, "x", 1);
+    kernel.settle();
+    kernel.reset();
+    report(EVFILT_WRITE, 0);
+    report(EVFILT_WRITE, -1);
+    EXPECT_EQ(arrived(), "");
+    EXPECT_TRUE(kernel.changes().empty());
+    EXPECT_EQ(events.count(HXKQueueEventTerminated), 0U);
+}
+
+TEST_F(StreamSocketAndKernel, WriteRecordWithAnEmptyQueueOnlyRemovesTheFilter) {
+    start();
+    report(EVFILT_WRITE, 100);
+    EXPECT_EQ(kernel.changes(), (std::vector<Change>{change(EVFILT_WRITE, EV_DELETE)}));
+    EXPECT_EQ(events.count(HXKQueueEventTerminated), 0U);
+}
+
+// While the I/O thread removes the filter of an empty queue, another thread writes. It has to
+// wait: should its bytes and its arming go in between, the removal would come last and leave the
+// bytes in the queue. (A write that does not wait is done within the time that it is given here.)
+TEST_F(StreamSocketAndKernel, WriteThatMeetsTheRemovalOfTheFilterArmsItAfterwards) {
+    start();
+    std::thread late;
+    kernel.beforeNextRemoval([&] {
+        std::promise<void> written;
+        auto done = written.get_future();
+        late = std::thread([this, written = std::move(written)]() mutable {
+            loop->write(stream.source, "late", 4);
+            written.set_value();
+        });
+        done.wait_for(std::chrono::milliseconds(200));
+    });
+    loop->write(stream.source, "first", 5);
+    report(EVFILT_WRITE, 100);
+    late.join();
+    kernel.settle();
+    EXPECT_EQ(arrived(), "first");
+    EXPECT_EQ(kernel.changes().back(), change(EVFILT_WRITE, kArm));
+}
+
+TEST_F(StreamSocketAndKernel, FailedWriteIsTerminatedAndKeepsTheQueue) {
+    start();
+    ASSERT_EQ(shutdown(stream.sock, SHUT_WR), 0);
+    loop->write(stream.source, "x", 1);
+    kernel.settle();
+    kernel.reset();
+    report(EVFILT_WRITE, 100);
+    report(EVFILT_WRITE, 100);
+    EXPECT_EQ(events.count(HXKQueueEventTerminated), 2U);
+    EXPECT_TRUE(kernel.changes().empty());
+}
+
+TEST_F(StreamSocketAndKernel, ReadRecordOfNothingIsTerminatedAndLeavesTheBufferAlone) {
+    loop->startObject(stream.source, events.block([](const RecordedEvent&, uint64_t* drop) {
+        if (drop) *drop = 0;
+        return true;
+    }));
+    ASSERT_EQ(::write(stream.peer, "kept", 4), 4);
+    report(EVFILT_READ, 4);
+    EXPECT_EQ(events.last().code, HXKQueueEventData);
+    report(EVFILT_READ, 0);
+    EXPECT_EQ(events.last().code, HXKQueueEventTerminated);
+    EXPECT_EQ(events.last().bytes, "kept");
+    report(EVFILT_READ, 0);
+    EXPECT_EQ(events.last().bytes, "kept");
+}
+
+TEST_F(StreamSocketAndKernel, FailedReadIsTerminatedAndLeavesTheBufferAlone) {
+    start();
+    fcntl(stream.sock, F_SETFL, O_NONBLOCK);  // so that a read without bytes fails
+    report(EVFILT_READ, 10);
+    EXPECT_EQ(events.last().code, HXKQueueEventTerminated);
+    EXPECT_EQ(events.last().bytes, "");
+}
+
+TEST_F(StreamSocketAndKernel, ReadsNoMoreThanTheCountAndKeepsZerosForWhatIsMissing) {
+    start();
+    ASSERT_EQ(::write(stream.peer, "abcdef", 6), 6);
+    report(EVFILT_READ, 2);
+    EXPECT_EQ(events.last().bytes, "ab");
+    report(EVFILT_READ, 6);
+    EXPECT_EQ(events.last().bytes, std::string("cdef\0\0", 6));
+}
+
+TEST_F(StreamSocketAndKernel, IgnoresRecordsOfOtherFilters) {
+    start();
+    report(EVFILT_TIMER, 1);
+    EXPECT_EQ(events.codes(), std::vector<int32_t>{HXKQueueEventConnected});
+    EXPECT_TRUE(kernel.changes().empty());
+}
+
+TEST_F(StreamSocketAndKernel, StopOfABorrowedDescriptorRemovesBothFilters) {
+    const Stream borrowed = makeStream(false);
+    loop->startObject(borrowed.source, events.block());
+    kernel.settle();
+    kernel.reset();
+    loop->stopObject(borrowed.source);
+    kernel.settle();
+    const auto ident = static_cast<uint64_t>(borrowed.sock);
+    EXPECT_EQ(kernel.changes(), (std::vector<Change>{{ident, EVFILT_READ, EV_DELETE},
+                                                     {ident, EVFILT_WRITE, EV_DELETE}}));
+    close(borrowed.sock);
+    close(borrowed.peer);
+}
+
+TEST_F(StreamSocketAndKernel, StopOfAnOwnedDescriptorSubmitsNothing) {
+    start();
+    loop->stopObject(stream.source);
+    kernel.settle();
+    EXPECT_TRUE(kernel.changes().empty());
+}
+
+// A client whose connect stays pending, because the listener's backlog is full.
+class PendingConnectAndKernel : public LoopTest {
+protected:
+    PendingConnectAndKernel() : address(loopback(AF_INET, 0)) {
+        kernel.reset();
+        EXPECT_EQ(bind(listener, asSockaddr(address), length), 0);
+        EXPECT_EQ(listen(listener, 0), 0);
+        getsockname(listener, reinterpret_cast<struct sockaddr*>(&address), &length);
+        while (!isBacklogFull()) {
+        }
+        client = loop->createTCPClient(asSockaddr(address));
+        loop->startObject(client, events.block());
+        kernel.settle();
+    }
+    ~PendingConnectAndKernel() override {
+        stopLoop();
+        for (const int sock : fillers)
+            close(sock);
+        close(listener);
+    }
+
+    bool isBacklogFull() {
+        fillers.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        connect(fillers.back(), asSockaddr(address), length);
+        struct pollfd state = {.fd = fillers.back(), .events = POLLOUT, .revents = 0};
+        return poll(&state, 1, 50) == 0;
+    }
+
+    void report(int filter, int flags, int64_t data) {
+        struct kevent record;
+        EV_SET(&record, 0, static_cast<int16_t>(filter), flags, 0, data,
+               static_cast<void*>(client.get()));
+        kernel.reset();
+        kernel.deliver({record});
+        kernel.settle();
+    }
+
+    [[nodiscard]] std::vector<std::pair<int, int>> changes() const {
+        std::vector<std::pair<int, int>> all;
+        for (const Change& change : kernel.changes())
+            all.emplace_back(change.filter, change.flags);
+        return all;
+    }
+
+    ScriptedKernel& kernel = ScriptedKernel::instance();
+    int listener = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_storage address;
+    socklen_t length = sizeof(sockaddr_in);
+    std::vector<int> fillers;
+    EventRecorder events;
+    std::shared_ptr<HXKQueueTCPClient> client;
+};
+
+TEST_F(PendingConnectAndKernel, RegistersForWritingAndReadingAndSaysNothingYet) {
+    EXPECT_EQ(changes(),
+              (std::vector<std::pair<int, int>>{{EVFILT_WRITE, kArm}, {EVFILT_READ, kArm}}));
+    EXPECT_TRUE(events.all().empty());
+}
+
+TEST_F(PendingConnectAndKernel, ReadRecordIsIgnored) {
+    report(EVFILT_READ, EV_EOF, 0);
+    EXPECT_TRUE(events.all().empty());
+    EXPECT_TRUE(changes().empty());
+}
+
+TEST_F(PendingConnectAndKernel, WriteRecordMeansConnectedAndTheNextOneRemovesTheFilter) {
+    report(EVFILT_WRITE, 0, 100);
+    EXPECT_EQ(events.codes(), std::vector<int32_t>{HXKQueueEventConnected});
+    EXPECT_TRUE(changes().empty());
+    report(EVFILT_WRITE, 0, 100);
+    EXPECT_EQ(changes(), (std::vector<std::pair<int, int>>{{EVFILT_WRITE, EV_DELETE}}));
+    EXPECT_EQ(events.codes(), std::vector<int32_t>{HXKQueueEventConnected});
+}
+
+TEST_F(PendingConnectAndKernel, WriteRecordWithTheEndMeansCannotConnectAndChangesNothing) {
+    report(EVFILT_WRITE, EV_EOF, 100);
+    EXPECT_EQ(events.codes(), std::vector<int32_t>{HXKQueueEventCannotConnect});
+    EXPECT_TRUE(changes().empty());
+    report(EVFILT_WRITE, EV_EOF, 100);
+    EXPECT_EQ(events.codes(), (std::vector<int32_t>(2, HXKQueueEventCannotConnect)));
+}
+
+}  // namespace
