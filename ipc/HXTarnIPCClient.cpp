@@ -1,0 +1,242 @@
+#include "ipc/HXTarnIPCClient.h"
+
+#include <boost/json/monotonic_resource.hpp>
+#include <boost/json/serialize.hpp>
+#include <boost/json/value.hpp>
+#include <cstdio>
+#include <exception>
+#include <new>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ipc/frame.h"
+#include "ipc/json.h"
+#include "ipc/request.h"
+#include "kqueue/HXKQueue.h"
+#include "kqueue/HXKQueueUnixClient.h"
+
+namespace {
+
+bool isJson(std::string_view text) noexcept {
+    boost::json::monotonic_resource arena;
+    return readJson(text, &arena).has_value();
+}
+
+// The writer puts out what it is given, so the reader decides whether that is JSON.
+std::optional<std::string> serialise(const boost::json::object* object) noexcept {
+    try {
+        std::string text = object ? boost::json::serialize(*object) : std::string();
+        if (!object || isJson(text)) return text;
+    } catch (const std::exception&) {  // bad_alloc, or length_error for an absurd size
+    }
+    return std::nullopt;
+}
+
+// Puts a callback in the place of another, which goes after the lock is released: what it holds
+// may call the client as it goes.
+template <typename Callback>
+bool replace(std::mutex& lock, std::shared_ptr<const Callback>& place, Callback callback) noexcept {
+    std::shared_ptr<const Callback> next;
+    try {
+        if (callback) next = std::make_shared<const Callback>(std::move(callback));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    const std::lock_guard guard(lock);
+    place.swap(next);
+    return true;
+}
+
+}  // namespace
+
+std::shared_ptr<HXTarnIPCClient> HXTarnIPCClient::initWithKQueue(
+    const std::shared_ptr<HXKQueue>& loop, const char* path) {
+    std::shared_ptr<HXTarnIPCClient> client;
+    try {
+        client = std::make_shared<HXTarnIPCClient>(Private());
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    client->unix = loop->createUnixClient(path);
+    if (!client->unix) return nullptr;
+    client->kq = loop;
+    return client;
+}
+
+HXTarnIPCClient::HXTarnIPCClient(Private /*unused*/) noexcept {}
+
+HXTarnIPCClient::~HXTarnIPCClient() = default;
+
+void HXTarnIPCClient::start() {
+    const auto loop = kq.lock();
+    if (!loop) return;
+    HXKQueueEventBlock block;
+    try {
+        block = [self = shared_from_this()](const auto&... event) {
+            return self->handleEvent(event...);
+        };
+    } catch (const std::bad_alloc&) {
+        handleEvent(currentSocket(), nullptr, 0, nullptr, HXKQueueEventCannotConnect);
+        return;
+    }
+    loop->startObject(currentSocket(), std::move(block));
+}
+
+void HXTarnIPCClient::stop() {
+    if (const auto loop = kq.lock()) loop->stopObject(currentSocket());
+    std::shared_ptr<HXKQueueEventProtocol> stopped;
+    {
+        const std::lock_guard guard(lock);
+        stopped.swap(unix);
+    }
+    stopped.reset();
+    replace(lock, _onData, OnData());
+    replace(lock, _onConnected, OnConnected());
+    replace(lock, _onError, OnError());
+}
+
+bool HXTarnIPCClient::setOnConnected(OnConnected callback) noexcept {
+    return replace(lock, _onConnected, std::move(callback));
+}
+
+bool HXTarnIPCClient::setOnData(OnData callback) noexcept {
+    return replace(lock, _onData, std::move(callback));
+}
+
+bool HXTarnIPCClient::setOnError(OnError callback) noexcept {
+    return replace(lock, _onError, std::move(callback));
+}
+
+std::shared_ptr<const HXTarnIPCClient::OnConnected> HXTarnIPCClient::onConnected() const noexcept {
+    const std::lock_guard guard(lock);
+    return _onConnected;
+}
+
+std::shared_ptr<const HXTarnIPCClient::OnData> HXTarnIPCClient::onData() const noexcept {
+    const std::lock_guard guard(lock);
+    return _onData;
+}
+
+std::shared_ptr<const HXTarnIPCClient::OnError> HXTarnIPCClient::onError() const noexcept {
+    const std::lock_guard guard(lock);
+    return _onError;
+}
+
+void HXTarnIPCClient::requestServerList() {
+    sendJSON(nullptr, kListServers);
+}
+
+void HXTarnIPCClient::requestAddServer(const char* host, uint16_t port) {
+    Request request;
+    if (request.create() && request.addHost(host, port))
+        sendJSON(&request.dictionary(), kAddServer);
+}
+
+void HXTarnIPCClient::requestServerAction(std::string_view action, const char* host,
+                                          uint16_t port) {
+    Request request;
+    if (request.create(action) && request.addHost(host, port))
+        sendJSON(&request.dictionary(), kServerAction);
+}
+
+void HXTarnIPCClient::requestServerAction(std::string_view action, uint32_t Id) {
+    Request request;
+    if (request.create(action) && request.addId("id", Id))
+        sendJSON(&request.dictionary(), kServerAction);
+}
+
+void HXTarnIPCClient::requestDeviceAction(std::string_view action, const char* host, uint16_t port,
+                                          uint32_t deviceId, bool once) {
+    Request request;
+    if (request.create(action) && request.addHost(host, port) &&
+        request.addId("device-id", deviceId) && request.addOnce(once))
+        sendJSON(&request.dictionary(), kDeviceAction);
+}
+
+void HXTarnIPCClient::requestDeviceAction(std::string_view action, uint32_t serverId,
+                                          uint32_t deviceId, bool once) {
+    Request request;
+    if (request.create(action) && request.addId("server-id", serverId) &&
+        request.addId("device-id", deviceId) && request.addOnce(once))
+        sendJSON(&request.dictionary(), kDeviceAction);
+}
+
+void HXTarnIPCClient::sendJSON(const boost::json::object* object, int32_t command) {
+    const std::optional<std::string> payload = serialise(object);
+    if (!payload) {
+        std::fputs("cannot convert dictionary to JSON", stderr);
+        return;
+    }
+    std::vector<char> frame;
+    try {
+        frame = makeFrame(command, *payload);
+    } catch (const std::exception&) {  // bad_alloc, or length_error for an absurd size
+        return;
+    }
+    if (const auto loop = kq.lock()) loop->write(currentSocket(), frame.data(), frame.size());
+}
+
+// The length is checked before the frame is complete: nobody waits for a payload that is refused.
+bool HXTarnIPCClient::parseProtocolBuffer(const char* bytes, uint64_t size, uint64_t* dropSize) {
+    uint64_t used = 0;
+    while (size - used >= kFrameHeaderSize) {
+        const FrameHeader header = readFrameHeader(bytes + used);
+        if (header.length == 0 || header.length > kMaxPayloadLength) {
+            std::fputs("invalid protocol\n", stderr);
+            return false;
+        }
+        if (size - used - kFrameHeaderSize < header.length) break;
+        const std::string_view payload(bytes + used + kFrameHeaderSize, header.length);
+        if (!deliverFrame(header.command, payload)) return false;
+        used += kFrameHeaderSize + header.length;
+    }
+    *dropSize = used;
+    return true;
+}
+
+// Only the decoder touches dropSize: after bytes that it refuses, the socket discards them all.
+bool HXTarnIPCClient::handleEvent(const std::shared_ptr<HXKQueueEventProtocol>& /*source*/,
+                                  const char* bytes, uint64_t size, uint64_t* dropSize,
+                                  int32_t code) {
+    switch (code) {
+        case HXKQueueEventConnected:
+            if (const auto callback = onConnected()) (*callback)();
+            return true;
+        case HXKQueueEventData:
+            if (parseProtocolBuffer(bytes, size, dropSize)) return true;
+            break;
+        case HXKQueueEventTerminated:
+            std::fputs("connection terminated\n", stderr);
+            break;
+        case HXKQueueEventCannotConnect:
+            std::fputs("cannot connect\n", stderr);
+            break;
+        default:
+            return true;
+    }
+    if (const auto callback = onError()) (*callback)();
+    return true;
+}
+
+// All that the payload is parsed into lives in the arena, and goes with it before the next frame.
+bool HXTarnIPCClient::deliverFrame(int32_t command, std::string_view payload) {
+    boost::json::monotonic_resource arena;
+    const std::optional<boost::json::value> reply = readJson(payload, &arena);
+    if (!reply) {
+        std::fputs("cannot parse protocol", stderr);
+        return false;
+    }
+    if (!reply->is_object()) {
+        std::fputs("cannot parse JSON, got wrong top-level object", stderr);
+        return false;
+    }
+    if (const auto callback = onData()) (*callback)(command, reply->get_object());
+    return true;
+}
+
+std::shared_ptr<HXKQueueEventProtocol> HXTarnIPCClient::currentSocket() const noexcept {
+    const std::lock_guard guard(lock);
+    return unix;
+}
