@@ -1,0 +1,39 @@
+// Builds a report's lines in a buffer of its own and passes them to a C stream in large pieces. A
+// report may have millions of lines: nothing is allocated, and no format is interpreted.
+//
+// Threads    one at a time.
+// Errors     none are told: what the stream does not take is lost, as with printf.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <string_view>
+
+class ReportWriter {
+public:
+    // out outlives the writer.
+    explicit ReportWriter(std::FILE* out) noexcept : stream(out) {}
+    ReportWriter(const ReportWriter&) = delete;
+    ReportWriter& operator=(const ReportWriter&) = delete;
+    ~ReportWriter() { flush(); }
+
+    // As "%s": byte for byte, up to the first NUL if there is one.
+    ReportWriter& text(std::string_view bytes) noexcept;
+
+    // As "%u".
+    ReportWriter& decimal(uint32_t number) noexcept;
+
+    // As "%04x": four digits, lower-case.
+    ReportWriter& hex(uint16_t number) noexcept;
+
+    // Passes on what is still in the buffer.
+    void flush() noexcept;
+
+private:
+    void append(const char* bytes, size_t size) noexcept;
+
+    std::FILE* stream;
+    size_t used = 0;
+    std::array<char, 16384> buffer;
+};
