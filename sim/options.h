@@ -1,0 +1,21 @@
+// The command line of hxusbvd-sim.
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string>
+
+#include "ipc/HXTarnIPCClient.h"
+
+struct Options {
+    std::string socketPath = kDaemonSocketPath;
+    std::optional<std::string> inventoryFile;  // none: the built-in inventory
+    bool help = false;
+};
+
+extern const char* const kUsage;
+
+// arguments is without the program's name. None when they are wrong; error then says why. An
+// option that is given twice counts as given last.
+[[nodiscard]] std::optional<Options> parseOptions(std::span<const char* const> arguments,
+                                                  std::string& error);

@@ -1,0 +1,67 @@
+#include "sim/options.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+std::optional<Options> parse(const std::vector<const char*>& arguments) {
+    std::string error;
+    return parseOptions(arguments, error);
+}
+
+std::string errorOf(const std::vector<const char*>& arguments) {
+    std::string error;
+    EXPECT_FALSE(parseOptions(arguments, error));
+    return error;
+}
+
+TEST(SimOptions, DefaultsAreTheDaemonsPathAndTheBuiltInInventory) {
+    const auto options = parse({});
+    ASSERT_TRUE(options);
+    EXPECT_EQ(options->socketPath, "/var/run/hxusbvctl.sock");
+    EXPECT_FALSE(options->inventoryFile);
+    EXPECT_FALSE(options->help);
+}
+
+TEST(SimOptions, ValueStandsInTheNextArgumentOrBehindAnEqualsSign) {
+    const auto apart = parse({"--socket", "a", "--inventory", "b"});
+    const auto joined = parse({"--inventory=b", "--socket=a"});
+    ASSERT_TRUE(apart && joined);
+    EXPECT_EQ(apart->socketPath, "a");
+    EXPECT_EQ(apart->inventoryFile, "b");
+    EXPECT_EQ(joined->socketPath, "a");
+    EXPECT_EQ(joined->inventoryFile, "b");
+}
+
+TEST(SimOptions, ValueMayLookLikeAnOption) {
+    const auto options = parse({"--socket", "--help", "--inventory=x=y"});
+    ASSERT_TRUE(options);
+    EXPECT_EQ(options->socketPath, "--help");
+    EXPECT_EQ(options->inventoryFile, "x=y");
+    EXPECT_FALSE(options->help);
+}
+
+TEST(SimOptions, LastOneCounts) {
+    const auto options = parse({"--socket", "a", "--socket=b"});
+    ASSERT_TRUE(options);
+    EXPECT_EQ(options->socketPath, "b");
+}
+
+TEST(SimOptions, HelpIsRecognised) {
+    const auto options = parse({"--help"});
+    ASSERT_TRUE(options);
+    EXPECT_TRUE(options->help);
+}
+
+TEST(SimOptions, WrongOnesAreNamed) {
+    EXPECT_EQ(errorOf({"--sockets", "a"}), "unknown argument: --sockets");
+    EXPECT_EQ(errorOf({"path"}), "unknown argument: path");
+    EXPECT_EQ(errorOf({""}), "unknown argument: ");
+    EXPECT_EQ(errorOf({"--help=yes"}), "unknown argument: --help=yes");
+    EXPECT_EQ(errorOf({"--socket"}), "--socket needs a value");
+    EXPECT_EQ(errorOf({"--socket=a", "--inventory"}), "--inventory needs a value");
+}
+
+}  // namespace
