@@ -1,0 +1,39 @@
+#include "tests/e2e/scripted_peer.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <stdexcept>
+#include <string_view>
+
+#include "tests/e2e/control_path.h"
+
+namespace {
+
+constexpr int kPatienceMs = 60'000;
+
+}  // namespace
+
+ScriptedPeer::ScriptedPeer(int backlog) : listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::string_view(kControlPath).copy(address.sun_path, sizeof address.sun_path - 1);
+    unlink(kControlPath);
+    if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        listen(listener, backlog) != 0) {
+        close(listener);
+        throw std::runtime_error("the scripted peer cannot listen");
+    }
+}
+
+ScriptedPeer::~ScriptedPeer() {
+    close(listener);
+}
+
+UnixStream ScriptedPeer::accept() const {
+    pollfd waiting{.fd = listener, .events = POLLIN, .revents = 0};
+    if (poll(&waiting, 1, kPatienceMs) != 1) throw std::runtime_error("nobody connects");
+    return UnixStream(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+}

@@ -1,0 +1,28 @@
+// hxusbvctl as a process: run on its own, or against a scripted peer.
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/support/captured_run.h"
+
+using Words = std::vector<std::string>;
+
+// words are the arguments after the program's name.
+[[nodiscard]] Outcome runUtility(const Words& words);
+[[nodiscard]] RunningProgram startUtility(const Words& words);
+
+// The utility's end when a scripted peer takes its request and then sends these bytes.
+[[nodiscard]] Outcome runUtilityAgainst(std::string_view reply, const Words& words);
+
+// The usage text, with the program's name in it.
+[[nodiscard]] std::string usageText();
+
+// What a person sees of a run that ended so.
+[[nodiscard]] Outcome silentSuccess();
+[[nodiscard]] Outcome printed(const std::string& out);
+[[nodiscard]] Outcome failedWith(int status, const std::string& err);
+
+void PrintTo(const Outcome& outcome, std::ostream* out);  // the name that GoogleTest looks for
