@@ -1,0 +1,119 @@
+# What the scripts share: how they speak, and what they need installed. Sourced, never run.
+# shellcheck shell=bash disable=SC2034
+
+readonly run_directory=/var/run
+readonly control_path=$run_directory/hxusbvctl.sock
+
+say() { printf '%s\n' "== $*"; }
+
+die() {
+    printf '%s\n' "${0##*/}: $*" >&2
+    exit 1
+}
+
+has() { command -v "$1" >/dev/null 2>&1; }
+
+# The first argument is the lower of two versions, or they are equal.
+at_least() { [[ $(printf '%s\n%s\n' "$1" "$2" | sort -V | head -n 1) == "$1" ]]; }
+
+# Whether the C++ compiler takes the program on standard input; further arguments go to it.
+compiles() { "${CXX:-c++}" -x c++ -std=c++20 - -o /dev/null "$@" >/dev/null 2>&1; }
+
+has_compiler() {
+    compiles <<'END'
+#include <span>
+#if defined(__clang__) ? __clang_major__ < 14 : __GNUC__ < 12
+#error "too old"
+#endif
+int main() {}
+END
+}
+
+has_cmake() {
+    has cmake && at_least 3.25 "$(cmake --version | sed -n '1s/[^0-9]*//p')"
+}
+
+has_boost_json() {
+    compiles -fsyntax-only <<'END'
+#include <boost/version.hpp>
+#if BOOST_VERSION < 108100
+#error "too old"
+#endif
+#if !__has_include(<boost/json/src.hpp>)
+#error "missing"
+#endif
+END
+}
+
+has_gtest() {
+    compiles -lgtest_main -lgtest -pthread <<'END'
+#include <gtest/gtest.h>
+TEST(Installation, Works) {}
+END
+}
+
+# Each prints what is missing of what a task needs, one name a line.
+missing_for_building() {
+    has_compiler || echo g++
+    has_cmake || echo cmake
+    has ninja || echo ninja-build
+    has_boost_json || echo boost-json
+}
+
+missing_for_testing() {
+    missing_for_building
+    has_gtest || echo libgtest-dev
+}
+
+# Other versions of these two format and warn otherwise.
+missing_for_linting() {
+    missing_for_testing
+    has clang-format-14 || echo clang-format-14
+    has clang-tidy-14 || echo clang-tidy-14
+}
+
+# What apt-get calls a missing thing. Debian 12's default Boost is too old.
+package_of() {
+    local name=$1
+    if [[ $name == boost-json ]]; then
+        name=libboost-json-dev
+        grep -qs '^VERSION_CODENAME=bookworm' /etc/os-release && name=libboost-json1.81-dev
+    fi
+    echo "$name"
+}
+
+# Installs what missing_for_... prints, and does nothing when it prints nothing.
+install_missing() {
+    local check=$1 missing packages as_root=() by_hand
+    mapfile -t missing < <("$check")
+    [[ ${#missing[@]} -gt 0 ]] || return 0
+    mapfile -t packages < <(for name in "${missing[@]}"; do package_of "$name"; done)
+    by_hand="missing: ${missing[*]}; run as root: apt-get update && apt-get install ${packages[*]}"
+    has apt-get || die "missing: ${missing[*]}; there is no apt-get here to install them with"
+    if [[ $EUID -ne 0 ]]; then
+        has sudo || die "$by_hand"
+        as_root=(sudo)
+    fi
+    say "missing: ${missing[*]}; updating the package lists (apt-get update)"
+    "${as_root[@]}" apt-get update -q || die "$by_hand"
+    say "installing: ${packages[*]}"
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -q -y --no-install-recommends "${packages[@]}" || die "$by_hand"
+    mapfile -t missing < <("$check")
+    [[ ${#missing[@]} -eq 0 ]] ||
+        die "still missing or too old: ${missing[*]} (g++ 12, CMake 3.25, Boost 1.81 are needed)"
+}
+
+# Whether this user can have a mount namespace, with the given arguments to unshare.
+can_unshare() { unshare --mount "$@" -- mount -t tmpfs tmpfs "$run_directory" 2>/dev/null; }
+
+# Sets private to the command that runs another one where /var/run may be mounted over, and to
+# nothing where the system forbids it.
+find_private_run() {
+    private=()
+    if [[ $EUID -eq 0 ]] && can_unshare; then
+        private=(unshare --mount --)
+    elif can_unshare --map-root-user; then
+        private=(unshare --mount --map-root-user --)
+    fi
+}
