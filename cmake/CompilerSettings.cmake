@@ -16,6 +16,11 @@ target_compile_options(project_settings INTERFACE
     -Woverloaded-virtual -Wold-style-cast -Wcast-align -Wformat=2 -Wundef
     $<$<BOOL:${HXUSBVCTL_WERROR}>:-Werror>)
 
+# g++ 12 sees an overlap in every "literal" + std::string() that it inlines (GCC bug 105651).
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    target_compile_options(project_settings INTERFACE -Wno-restrict)
+endif()
+
 if(HXUSBVCTL_SANITIZE)
     add_compile_options(-fsanitize=${HXUSBVCTL_SANITIZE} -fno-sanitize-recover=all
                         -fno-omit-frame-pointer)

@@ -221,7 +221,7 @@ bool HXTarnIPCClient::handleEvent(const std::shared_ptr<HXKQueueEventProtocol>& 
 }
 
 // All that the payload is parsed into lives in the arena, and goes with it before the next frame.
-bool HXTarnIPCClient::deliverFrame(int32_t command, std::string_view payload) {
+bool HXTarnIPCClient::deliverFrame(int32_t command, std::string_view payload) const {
     boost::json::monotonic_resource arena;
     const std::optional<boost::json::value> reply = readJson(payload, &arena);
     if (!reply) {

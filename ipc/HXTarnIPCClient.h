@@ -100,7 +100,7 @@ public:
                      uint64_t size, uint64_t* dropSize, int32_t code);
 
 private:
-    [[nodiscard]] bool deliverFrame(int32_t command, std::string_view payload);
+    [[nodiscard]] bool deliverFrame(int32_t command, std::string_view payload) const;
     [[nodiscard]] std::shared_ptr<HXKQueueEventProtocol> currentSocket() const noexcept;
 
     std::weak_ptr<HXKQueue> kq;  // not written after initWithKQueue

@@ -37,19 +37,14 @@ json::object status(Status result) {
 }
 
 std::optional<std::string_view> text(const json::object& request, std::string_view key) {
-    const json::value* value = request.if_contains(key);
-    if (value == nullptr || !value->is_string()) return std::nullopt;
-    return value->get_string();
-}
-
-const json::value* number(const json::object& request, std::string_view key) {
-    const json::value* value = request.if_contains(key);
-    return value != nullptr && isNumber(*value) ? value : nullptr;
+    const json::string* value = stringMember(request, key);
+    if (value == nullptr) return std::nullopt;
+    return *value;
 }
 
 std::optional<ServerAddress> address(const json::object& request) {
     const std::optional<std::string_view> host = text(request, "host");
-    const json::value* port = number(request, "port");
+    const json::value* port = numberMember(request, "port");
     if (!host || host->empty() || port == nullptr) return std::nullopt;
     return ServerAddress{.host = *host, .port = toUnsigned16(*port)};
 }
@@ -57,7 +52,7 @@ std::optional<ServerAddress> address(const json::object& request) {
 // The server is named either by the id at idKey or by its address; both at once is wrong.
 std::optional<ServerKey> serverKey(const json::object& request, std::string_view idKey) {
     if (!request.contains(idKey)) return address(request);
-    const json::value* id = number(request, idKey);
+    const json::value* id = numberMember(request, idKey);
     if (id == nullptr || request.contains("host") || request.contains("port")) return std::nullopt;
     return toUnsigned32(*id);
 }
@@ -120,7 +115,7 @@ json::object actOnServer(Inventory& inventory, const json::object& request) {
 json::object actOnDevice(Inventory& inventory, const json::object& request) {
     const std::string_view action = text(request, "action").value_or("");
     const std::optional<ServerKey> server = serverKey(request, "server-id");
-    const json::value* device = number(request, "device-id");
+    const json::value* device = numberMember(request, "device-id");
     if (!server || device == nullptr) return failure();
     if (action == "unplug") return status(inventory.unplug(*server, toUnsigned32(*device)));
     const json::value* once = request.if_contains("once");

@@ -7,7 +7,9 @@
 // POSIX' basename may cut the text it is given and answers with a pointer into it.
 void baseName(const char* path, char (&out)[kBaseNameSize]) noexcept {
     char scratch[kBaseNameSize];
-    if (std::strlen(path) >= sizeof scratch) return;
-    std::strcpy(scratch, path);
-    std::strcpy(out, basename(scratch));
+    const size_t size = std::strlen(path) + 1;
+    if (size > sizeof scratch) return;
+    std::memcpy(scratch, path, size);
+    const char* name = basename(scratch);
+    std::memcpy(out, name, std::strlen(name) + 1);
 }

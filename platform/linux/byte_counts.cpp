@@ -1,5 +1,6 @@
 #include "platform/linux/byte_counts.h"
 
+#include <fcntl.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -12,7 +13,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
+#include <cstdlib>
 #include <limits>
 
 namespace {
@@ -39,12 +40,11 @@ int64_t sendBufferSize(int fd) noexcept {
 
 // tcp(7), tcp_notsent_lowat: a write waits while more than this is unsent, room or not.
 int64_t systemUnsentLimit() noexcept {
-    unsigned long limit = UINT_MAX;
-    if (std::FILE* file = std::fopen("/proc/sys/net/ipv4/tcp_notsent_lowat", "re")) {
-        if (std::fscanf(file, "%lu", &limit) != 1) limit = UINT_MAX;
-        std::fclose(file);
-    }
-    return static_cast<int64_t>(limit);
+    std::array<char, 32> text{};
+    const int fd = open("/proc/sys/net/ipv4/tcp_notsent_lowat", O_RDONLY | O_CLOEXEC);
+    const ssize_t size = fd == -1 ? -1 : read(fd, text.data(), text.size() - 1);
+    if (fd != -1) close(fd);
+    return size > 0 ? static_cast<int64_t>(std::strtoul(text.data(), nullptr, 10)) : UINT_MAX;
 }
 
 int64_t unsentLimit(int fd) noexcept {

@@ -263,7 +263,7 @@ EventQueue::Filter* EventQueue::holderOf(const Ticket& ticket) const noexcept {
 
 // Makes epoll watch for what the filters want now. EEXIST: the descriptor had been forgotten, and
 // was made again from a duplicate of itself.
-int EventQueue::watch(Descriptor& descriptor) noexcept {
+int EventQueue::watch(Descriptor& descriptor) const noexcept {
     if (isAlwaysReady(descriptor.kind)) return 0;
     uint32_t mask = 0;
     if (descriptor.read.present) mask |= EPOLLIN | EPOLLRDHUP;

@@ -94,7 +94,7 @@ private:
     Filter* holderOf(const Ticket& ticket) const noexcept;
     static Filter& filterOf(Descriptor& descriptor, int16_t filter) noexcept;
     static struct epoll_event eventFor(const Descriptor& descriptor, uint32_t mask) noexcept;
-    int watch(Descriptor& descriptor) noexcept;
+    int watch(Descriptor& descriptor) const noexcept;
     void rebuild() noexcept;
 
     // Waiting. False, with errno, when the wait failed.
