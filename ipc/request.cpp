@@ -41,7 +41,7 @@ bool Request::create(std::string_view action) noexcept {
 
 bool Request::addHost(const char* host, uint16_t port) noexcept {
     return attempt(kNoObject, [&] {
-        return host && isUtf8(host) && object.emplace("host", host).second &&
+        return host != nullptr && isUtf8(host) && object.emplace("host", host).second &&
                object.emplace("port", port).second;
     });
 }

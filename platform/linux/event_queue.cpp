@@ -333,7 +333,7 @@ std::optional<Nanoseconds> EventQueue::waitingTime(std::optional<Nanoseconds> en
 bool EventQueue::waitForReadiness(std::optional<Nanoseconds> timeout) {
     std::erase_if(probes, [this](const Ticket& probe) {
         const Filter* filter = holderOf(probe);
-        return !filter || !filter->probed;
+        return filter == nullptr || !filter->probed;
     });
     return probes.empty() ? takeEpollEvents(timeout) : waitWithProbes(timeout);
 }
