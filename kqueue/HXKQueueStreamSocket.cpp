@@ -135,7 +135,7 @@ void HXKQueueStreamSocket::sendQueued(const struct kevent* record) {
         const size_t size = std::min(tx.size(), room);
         if (size > 0) {
             const ssize_t written = ::write(sock, tx.data(), size);
-            if (written > 0) removeFront(tx, static_cast<size_t>(written));
+            if (written > 0) hxkqueue::removeFront(tx, static_cast<size_t>(written));
             failed = written <= 0;
         }
         removeWriteFilterOnceDrained();
@@ -175,5 +175,5 @@ void HXKQueueStreamSocket::receive(const struct kevent* record) {
 void HXKQueueStreamSocket::callEvent(int32_t code) {
     uint64_t drop = rx.size();
     eventBlock.call(shared_from_this(), rx.data(), rx.size(), &drop, code);
-    removeFront(rx, drop);
+    hxkqueue::removeFront(rx, drop);
 }

@@ -79,5 +79,5 @@ private:
     std::atomic<bool> isConnected;  // written before enableOnData, then by the I/O thread only
     std::recursive_mutex txlock;    // taken before the loop's lock
     std::vector<char> tx;           // guarded by txlock
-    EventBlockSlot eventBlock;
+    hxkqueue::EventBlockSlot eventBlock;
 };

@@ -53,7 +53,7 @@ int HXKQueueTCPServer::listenSocket(const struct sockaddr* address) {
     setsockopt(sock, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
     setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (bind(sock, address, socketAddressLength(address)) == -1 ||
-        listen(sock, ListeningSocket::kBacklog) == -1) {
+        listen(sock, hxkqueue::ListeningSocket::kBacklog) == -1) {
         close(sock);
         return -1;
     }

@@ -46,5 +46,5 @@ private:
     // The listening descriptor, in blocking mode, or -1.
     static int listenSocket(const struct sockaddr* address);
 
-    ListeningSocket listener;
+    hxkqueue::ListeningSocket listener;
 };

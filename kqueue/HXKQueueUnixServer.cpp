@@ -42,7 +42,7 @@ void HXKQueueUnixServer::kevent(const struct kevent* record) {
     if (peerCredentials(connection.sock, connection.peer))
         listener.offer(shared_from_this(), connection);
     else
-        ListeningSocket::hangUp(connection.sock);
+        hxkqueue::ListeningSocket::hangUp(connection.sock);
 }
 
 void HXKQueueUnixServer::stop() {
@@ -60,7 +60,7 @@ int HXKQueueUnixServer::listenSocket(const char* path, uint16_t perm) {
         return -1;
     }
     chmod(path, perm);
-    if (listen(sock, ListeningSocket::kBacklog) == -1) {
+    if (listen(sock, hxkqueue::ListeningSocket::kBacklog) == -1) {
         close(sock);
         return -1;
     }

@@ -47,5 +47,5 @@ private:
     // The listening descriptor, in blocking mode, or -1.
     static int listenSocket(const char* path, uint16_t perm);
 
-    ListeningSocket listener;
+    hxkqueue::ListeningSocket listener;
 };

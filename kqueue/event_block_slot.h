@@ -13,6 +13,8 @@
 
 #include "kqueue/HXKQueueEvent.h"
 
+namespace hxkqueue {
+
 class EventBlockSlot {
 public:
     // Throws std::bad_alloc; the earlier block then stays, and block is the caller's still.
@@ -44,3 +46,5 @@ private:
     mutable std::mutex lock;
     std::shared_ptr<const HXKQueueEventBlock> installed;  // guarded by lock
 };
+
+}  // namespace hxkqueue

@@ -9,6 +9,8 @@
 #include "kqueue/HXKQueue.h"
 #include "kqueue/HXKQueueAcceptedConnection.h"
 
+namespace hxkqueue {
+
 ListeningSocket::ListeningSocket(std::weak_ptr<HXKQueue> parent_,
                                  std::shared_ptr<const LogHandle> logger_) noexcept
     : parent(std::move(parent_)), logger(std::move(logger_)) {}
@@ -49,3 +51,5 @@ void ListeningSocket::submitReadEvent(HXKQueueEventProtocol* server, uint16_t fl
     EV_SET(&change, sock, EVFILT_READ, flags, 0, 0, server);
     if (const auto loop = parent.lock()) loop->submitChange(&change);
 }
+
+}  // namespace hxkqueue

@@ -14,6 +14,8 @@
 class HXKQueue;
 struct HXKQueueAcceptedConnection;
 
+namespace hxkqueue {
+
 class ListeningSocket {
 public:
     static constexpr int kBacklog = 128;
@@ -41,3 +43,5 @@ public:
 private:
     void submitReadEvent(HXKQueueEventProtocol* server, uint16_t flags) const;
 };
+
+}  // namespace hxkqueue

@@ -16,6 +16,8 @@
 #include <cstdlib>
 #include <limits>
 
+namespace epollqueue {
+
 namespace {
 
 // A terminal that polls writable has at least one chunk of 256 bytes free (drivers/tty/
@@ -152,3 +154,5 @@ bool isUnconnectedTcp(int fd) noexcept {
     struct pollfd state = {.fd = fd, .events = POLLRDHUP, .revents = 0};
     return poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLRDHUP)) == POLLHUP;
 }
+
+}  // namespace epollqueue

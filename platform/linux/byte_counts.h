@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <optional>
 
+namespace epollqueue {
+
 enum class DescriptorKind {
     TcpSocket,
     UnixSocket,
@@ -48,3 +50,5 @@ enum class DescriptorKind {
 // Whether a TCP socket that reports a hang-up does so only because it was never connected: one
 // that was has also been shut for reading.
 [[nodiscard]] bool isUnconnectedTcp(int fd) noexcept;
+
+}  // namespace epollqueue

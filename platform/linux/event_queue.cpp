@@ -1,6 +1,5 @@
 #include "platform/linux/event_queue.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -12,6 +11,8 @@
 #include <ctime>
 #include <new>
 #include <utility>
+
+namespace epollqueue {
 
 namespace {
 
@@ -56,19 +57,6 @@ int waitOnEpoll(int epollFd, std::span<struct epoll_event> events,
                       static_cast<int>(std::min<int64_t>(milliseconds, INT_MAX)));
 }
 
-bool isAcceptedByEpoll(int epollFd, int fd) {
-    struct epoll_event nothing = {};
-    if (epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &nothing) != 0) return errno != EPERM;
-    epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, nullptr);
-    return true;
-}
-
-// The number may be closed and reused by another thread at this very moment; whatever it means now
-// is right. (The thread sanitizer calls that a race, and is told not to by this name.)
-bool currentStatus(int fd, struct stat& status) {
-    return fstat(fd, &status) == 0;
-}
-
 bool isValid(const struct timespec& time) {
     return time.tv_sec >= 0 && time.tv_nsec >= 0 && time.tv_nsec < kPerSecond;
 }
@@ -82,7 +70,7 @@ Nanoseconds toNanoseconds(const struct timespec& time) {
 
 }  // namespace
 
-EventQueue::EventQueue(int epollFd_) : epollFd(epollFd_), events(kEventBatch) {}
+EventQueue::EventQueue(int epollFd_) : epollFd(epollFd_), table(epollFd_), events(kEventBatch) {}
 
 int EventQueue::exchange(std::span<const struct kevent> changes, std::span<struct kevent> room,
                          const struct timespec* timeout) {
@@ -141,26 +129,22 @@ int EventQueue::applyToDescriptor(const struct kevent& change) {
     struct stat status;
     if (!currentStatus(fd, status)) {
         const int error = errno;
-        forget(fd);
+        table.forget(fd);
         return error;
     }
-    Descriptor* descriptor = find(fd);
-    if (descriptor && !isUnchanged(*descriptor, status)) {
-        forget(fd);
-        descriptor = nullptr;
-    }
+    Descriptor* descriptor = table.findUnchanged(fd, status);
     if ((change.flags & EV_DELETE) == 0 && (change.flags & EV_ADD) != 0) {
         if (change.fflags != 0) return EINVAL;
-        return addFilter(descriptor ? *descriptor : create(fd, status), change);
+        return addFilter(descriptor ? *descriptor : table.create(fd, status), change);
     }
-    if (!descriptor || !filterOf(*descriptor, change.filter).present) return ENOENT;
+    if (!descriptor || !descriptor->filter(change.filter).present) return ENOENT;
     if ((change.flags & EV_DELETE) != 0)
-        removeFilter(*descriptor, filterOf(*descriptor, change.filter));
+        removeFilter(*descriptor, descriptor->filter(change.filter));
     return 0;
 }
 
 int EventQueue::addFilter(Descriptor& descriptor, const struct kevent& change) {
-    Filter& filter = filterOf(descriptor, change.filter);
+    Filter& filter = descriptor.filter(change.filter);
     int error = descriptor.kind == DescriptorKind::Unsupported ? EINVAL : 0;
     if (error == 0 && !filter.present) {
         const uint64_t serial = ++lastSerial;
@@ -169,7 +153,7 @@ int EventQueue::addFilter(Descriptor& descriptor, const struct kevent& change) {
     }
     filter.oneShot = (change.flags & EV_ONESHOT) != 0;
     filter.udata = change.udata;
-    if (error == 0) error = watch(descriptor);
+    if (error == 0) error = table.watch(descriptor);
     if (error != 0) removeFilter(descriptor, filter);
     return error;
 }
@@ -189,114 +173,8 @@ bool EventQueue::enlist(const Descriptor& descriptor, int16_t filter, uint64_t s
 
 void EventQueue::removeFilter(Descriptor& descriptor, Filter& filter) noexcept {
     filter = {};
-    watch(descriptor);
-    if (!descriptor.read.present && !descriptor.write.present) forget(descriptor.fd);
-}
-
-// The table
-
-struct epoll_event EventQueue::eventFor(const Descriptor& descriptor, uint32_t mask) noexcept {
-    struct epoll_event event = {};
-    event.events = mask;
-    event.data.u64 = uint64_t{descriptor.generation} << 32 | static_cast<uint32_t>(descriptor.fd);
-    return event;
-}
-
-EventQueue::Descriptor* EventQueue::find(int fd) const noexcept {
-    const auto index = static_cast<size_t>(fd);
-    return index < descriptors.size() ? descriptors[index].get() : nullptr;
-}
-
-EventQueue::Descriptor* EventQueue::findUnchanged(int fd) noexcept {
-    Descriptor* descriptor = find(fd);
-    struct stat status;
-    if (descriptor && currentStatus(fd, status) && descriptor->device == status.st_dev &&
-        descriptor->inode == status.st_ino)
-        return descriptor;
-    forget(fd);
-    return nullptr;
-}
-
-// Sockets have inodes of their own. A FIFO or terminal that is opened again has the old inode, but
-// epoll does not know the new open file.
-bool EventQueue::isUnchanged(const Descriptor& descriptor,
-                             const struct stat& status) const noexcept {
-    if (descriptor.device != status.st_dev || descriptor.inode != status.st_ino) return false;
-    if (descriptor.mask == 0 || isSocket(descriptor.kind)) return true;
-    struct epoll_event event = eventFor(descriptor, descriptor.mask);
-    return epoll_ctl(epollFd, EPOLL_CTL_MOD, descriptor.fd, &event) == 0 || errno != ENOENT;
-}
-
-EventQueue::Descriptor& EventQueue::create(int fd, const struct stat& status) {
-    const auto index = static_cast<size_t>(fd);
-    if (index >= descriptors.size()) descriptors.resize(index + 1);
-    auto made = std::make_unique<Descriptor>();
-    made->fd = fd;
-    made->generation = ++lastGeneration;
-    made->device = status.st_dev;
-    made->inode = status.st_ino;
-    made->kind = kindOf(fd, status);
-    if (made->kind == DescriptorKind::OtherDevice && isAcceptedByEpoll(epollFd, fd))
-        made->kind = DescriptorKind::OtherPollable;
-    descriptors[index] = std::move(made);
-    return *descriptors[index];
-}
-
-// What epoll still knows of a descriptor that is forgotten turns up as a stray.
-void EventQueue::forget(int fd) noexcept {
-    const auto index = static_cast<size_t>(fd);
-    if (index >= descriptors.size() || !descriptors[index]) return;
-    if (isAlwaysReady(descriptors[index]->kind)) std::erase(files, fd);
-    descriptors[index] = nullptr;
-}
-
-EventQueue::Filter& EventQueue::filterOf(Descriptor& descriptor, int16_t filter) noexcept {
-    return filter == EVFILT_READ ? descriptor.read : descriptor.write;
-}
-
-EventQueue::Filter* EventQueue::holderOf(const Ticket& ticket) const noexcept {
-    Descriptor* descriptor = find(ticket.fd);
-    if (!descriptor) return nullptr;
-    Filter& filter = filterOf(*descriptor, ticket.filter);
-    return filter.present && filter.serial == ticket.serial ? &filter : nullptr;
-}
-
-// Makes epoll watch for what the filters want now. EEXIST: the descriptor had been forgotten, and
-// was made again from a duplicate of itself.
-int EventQueue::watch(Descriptor& descriptor) const noexcept {
-    if (isAlwaysReady(descriptor.kind)) return 0;
-    uint32_t mask = 0;
-    if (descriptor.read.present) mask |= EPOLLIN | EPOLLRDHUP;
-    if (descriptor.write.present && !descriptor.write.probed) mask |= EPOLLOUT;
-    if (mask != 0 && descriptor.dozing) mask |= EPOLLET;
-    if (mask == descriptor.mask) return 0;
-
-    int operation = EPOLL_CTL_MOD;
-    if (descriptor.mask == 0) operation = EPOLL_CTL_ADD;
-    if (mask == 0) operation = EPOLL_CTL_DEL;
-    struct epoll_event event = eventFor(descriptor, mask);
-    int result = epoll_ctl(epollFd, operation, descriptor.fd, &event);
-    if (result != 0 && errno == EEXIST)
-        result = epoll_ctl(epollFd, EPOLL_CTL_MOD, descriptor.fd, &event);
-    if (result != 0) return errno;
-    descriptor.mask = mask;
-    return 0;
-}
-
-// Without a descriptor to spare the strays stay: they cost time, but reach nobody.
-void EventQueue::rebuild() noexcept {
-    hasStrays = false;
-    const int fresh = epoll_create1(EPOLL_CLOEXEC);
-    if (fresh == -1) return;
-    for (size_t fd = 0; fd < descriptors.size(); ++fd) {
-        if (!descriptors[fd] || descriptors[fd]->mask == 0) continue;
-        Descriptor* descriptor = findUnchanged(static_cast<int>(fd));
-        if (!descriptor) continue;
-        struct epoll_event event = eventFor(*descriptor, descriptor->mask);
-        if (epoll_ctl(fresh, EPOLL_CTL_ADD, descriptor->fd, &event) != 0) forget(descriptor->fd);
-    }
-    dup3(fresh, epollFd, O_CLOEXEC);
-    close(fresh);
+    table.watch(descriptor);
+    if (!descriptor.read.present && !descriptor.write.present) table.forget(descriptor.fd);
 }
 
 // Waiting
@@ -310,7 +188,7 @@ int EventQueue::collect(std::span<struct kevent> room, const struct timespec* ti
             lookAtFiles();
             if (!waitForReadiness(waitingTime(end))) return -1;
             const size_t count = deliver(room);
-            if (hasStrays) rebuild();
+            if (std::exchange(hasStrays, false)) table.rebuild();
             if (count > 0) return static_cast<int>(count);
             if (end && TimerSet::now() >= *end) return 0;
         }
@@ -332,7 +210,7 @@ std::optional<Nanoseconds> EventQueue::waitingTime(std::optional<Nanoseconds> en
 
 bool EventQueue::waitForReadiness(std::optional<Nanoseconds> timeout) {
     std::erase_if(probes, [this](const Ticket& probe) {
-        const Filter* filter = holderOf(probe);
+        const Filter* filter = table.find(probe);
         return filter == nullptr || !filter->probed;
     });
     return probes.empty() ? takeEpollEvents(timeout) : waitWithProbes(timeout);
@@ -360,12 +238,12 @@ bool EventQueue::takeEpollEvents(std::optional<Nanoseconds> timeout) {
 }
 
 void EventQueue::takeEpollEvent(const struct epoll_event& event) {
-    const int fd = static_cast<int>(event.data.u64 & UINT32_MAX);
-    Descriptor* descriptor = find(fd);
-    if (!descriptor || descriptor->generation != event.data.u64 >> 32) {
+    Descriptor* descriptor = table.find(event);
+    if (!descriptor) {
         hasStrays = true;
         return;
     }
+    const int fd = descriptor->fd;
     Filter& read = descriptor->read;
     Filter& write = descriptor->write;
     if (read.present && (event.events & (EPOLLIN | EPOLLRDHUP | kEnded)) != 0)
@@ -377,13 +255,13 @@ void EventQueue::takeEpollEvent(const struct epoll_event& event) {
 // One that cannot take bytes now is handed to epoll, or, should epoll refuse it, asked again.
 void EventQueue::takeProbeAnswers() {
     for (size_t i = 0; i < probes.size(); ++i) {
-        Filter* filter = holderOf(probes[i]);
+        Filter* filter = table.find(probes[i]);
         const auto answer = static_cast<uint16_t>(polled[i + 1].revents);
         if (answer != 0) {
             enqueue(*filter, probes[i], answer);
         } else {
             filter->probed = false;
-            if (watch(*find(probes[i].fd)) != 0) filter->probed = true;
+            if (table.watch(*table.find(probes[i].fd)) != 0) filter->probed = true;
         }
     }
 }
@@ -399,7 +277,7 @@ void EventQueue::lookAgainAtLeftovers() {
     const bool answered = poll(polled.data(), polled.size(), 0) != -1;
     size_t kept = 0;
     for (size_t i = 0; i < ready.size(); ++i) {
-        Filter* filter = holderOf(ready[i]);
+        Filter* filter = table.find(ready[i]);
         if (!filter) continue;
         filter->seen = answered ? static_cast<uint16_t>(polled[i].revents) : 0;
         filter->queued = filter->seen != 0;
@@ -410,14 +288,16 @@ void EventQueue::lookAgainAtLeftovers() {
 
 // At its end a regular file is silent; a device such as /dev/null has ended.
 void EventQueue::lookAtFiles() {
-    for (size_t i = files.size(); i-- > 0;) {
-        const int fd = files[i];
-        Descriptor* descriptor = findUnchanged(fd);
-        if (!descriptor) continue;
-        Filter& read = descriptor->read;
-        Filter& write = descriptor->write;
-        const bool ended = descriptor->kind == DescriptorKind::OtherDevice;
-        if (read.present && (ended || readableBytes(fd, descriptor->kind).value_or(0) > 0))
+    std::erase_if(files, [this](int fd) {
+        const Descriptor* descriptor = table.findUnchanged(fd);
+        return descriptor == nullptr || !isAlwaysReady(descriptor->kind);
+    });
+    for (const int fd : files) {
+        Descriptor& descriptor = *table.find(fd);
+        Filter& read = descriptor.read;
+        Filter& write = descriptor.write;
+        const bool ended = descriptor.kind == DescriptorKind::OtherDevice;
+        if (read.present && (ended || readableBytes(fd, descriptor.kind).value_or(0) > 0))
             enqueue(read, {.fd = fd, .filter = EVFILT_READ, .serial = read.serial},
                     ended ? EPOLLIN | EPOLLRDHUP : EPOLLIN);
         if (write.present)
@@ -460,10 +340,10 @@ size_t EventQueue::deliverTimers(std::span<struct kevent> room) noexcept {
 }
 
 bool EventQueue::deliverOne(const Ticket& ticket, struct kevent& record) noexcept {
-    Filter* filter = holderOf(ticket);
+    Filter* filter = table.find(ticket);
     if (!filter) return false;
     filter->queued = false;
-    Descriptor* descriptor = findUnchanged(ticket.fd);
+    Descriptor* descriptor = table.findUnchanged(ticket.fd);
     if (!descriptor) return false;
 
     EV_SET(&record, ticket.fd, ticket.filter, filter->oneShot ? EV_ONESHOT : 0, 0, 0,
@@ -472,7 +352,7 @@ bool EventQueue::deliverOne(const Ticket& ticket, struct kevent& record) noexcep
                                                       : fillWriteRecord(*descriptor, record);
     if (!isReady) filter->probed = false;
     descriptor->dozing = !isReady;
-    watch(*descriptor);
+    table.watch(*descriptor);
     if (isReady && filter->oneShot) removeFilter(*descriptor, *filter);
     return isReady;
 }
@@ -507,3 +387,5 @@ void EventQueue::markEnded(Descriptor& descriptor, uint32_t seen, struct kevent&
     record.flags |= EV_EOF;
     record.fflags = static_cast<uint32_t>(descriptor.error);
 }
+
+}  // namespace epollqueue

@@ -19,6 +19,8 @@
 
 namespace {
 
+using epollqueue::EventQueue;
+
 class Registry {
 public:
     void enter(int fd) {

@@ -4,6 +4,8 @@
 #include <ctime>
 #include <limits>
 
+namespace epollqueue {
+
 namespace {
 
 constexpr int64_t kPerSecond = 1'000'000'000;
@@ -78,3 +80,5 @@ bool TimerSet::takeDue(Nanoseconds now, struct kevent& record) noexcept {
     }
     return true;
 }
+
+}  // namespace epollqueue

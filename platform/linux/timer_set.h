@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+namespace epollqueue {
+
 class TimerSet {
 public:
     using Nanoseconds = int64_t;
@@ -49,3 +51,5 @@ private:
     std::unordered_map<uint64_t, Timer> timers;
     std::set<Deadline> deadlines;  // of the armed timers, with their idents
 };
+
+}  // namespace epollqueue

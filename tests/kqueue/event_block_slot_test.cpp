@@ -4,6 +4,8 @@
 
 namespace {
 
+using hxkqueue::EventBlockSlot;
+
 TEST(EventBlockSlot, WithoutABlockNothingIsCalled) {
     EventBlockSlot slot;
     EXPECT_FALSE(slot.call(nullptr, nullptr, 0, nullptr, 0));
