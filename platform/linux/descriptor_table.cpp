@@ -76,8 +76,8 @@ Filter* DescriptorTable::find(const Ticket& ticket) const noexcept {
 
 Descriptor* DescriptorTable::find(const struct epoll_event& report) const noexcept {
     Descriptor* descriptor = find(static_cast<int>(report.data.u64 & UINT32_MAX));
-    const bool isCurrent = descriptor && descriptor->generation == report.data.u64 >> 32;
-    return isCurrent ? descriptor : nullptr;
+    if (!descriptor || descriptor->generation != report.data.u64 >> 32) return nullptr;
+    return descriptor;
 }
 
 Descriptor& DescriptorTable::create(int fd, const struct stat& status) {

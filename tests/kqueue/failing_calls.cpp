@@ -23,6 +23,7 @@ bool fails(std::atomic<int>& error) {
 
 // The names are the linker's.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" {
 
 int __real_fcntl(int fd, int command, ...);
@@ -71,4 +72,5 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
     return next(thread, attributes, routine, argument);
 }
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

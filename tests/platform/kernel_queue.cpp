@@ -92,7 +92,7 @@ void KernelQueueTest::remove(int fd, int filter) {
 Records KernelQueueTest::wait(size_t room, int milliseconds) {
     Records records(room);
     const struct timespec timeout = {.tv_sec = milliseconds / 1000,
-                                     .tv_nsec = milliseconds % 1000 * 1'000'000};
+                                     .tv_nsec = milliseconds % 1000 * 1'000'000L};
     const int count = kevent(queue, nullptr, 0, records.data(), static_cast<int>(room), &timeout);
     EXPECT_NE(count, -1);
     records.resize(count > 0 ? static_cast<size_t>(count) : 0);

@@ -24,14 +24,12 @@ protected:
     }
 
     // Puts pieces of the given size in until the kernel refuses.
-    size_t fill(size_t piece) {
-        fcntl(pair.ours, F_SETFL, O_NONBLOCK);
+    void fill(size_t piece) const {
         const std::string bytes(piece, 'x');
-        size_t total = 0;
-        for (ssize_t sent = 1; sent > 0; total += static_cast<size_t>(std::max<ssize_t>(sent, 0)))
-            sent = ::write(pair.ours, bytes.data(), bytes.size());
+        fcntl(pair.ours, F_SETFL, O_NONBLOCK);
+        while (::write(pair.ours, bytes.data(), bytes.size()) > 0) {
+        }
         fcntl(pair.ours, F_SETFL, 0);
-        return total;
     }
 
     Pair pair;
