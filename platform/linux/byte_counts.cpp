@@ -20,9 +20,9 @@ namespace epollqueue {
 
 namespace {
 
-// A terminal that polls writable has at least one chunk of 256 bytes free (drivers/tty/
-// tty_buffer.c), and output processing turns one byte into at most eight (a tab).
-constexpr int64_t kTerminalRoom = 256 / 8;
+// A terminal polls writable with room for a single byte, and output processing turns one byte into
+// several: of 32 tabs, or newlines, it has been seen to take one.
+constexpr int64_t kTerminalRoom = 1;
 
 // The kernel charges a socket for its bookkeeping as well as for the bytes. The worst case seen is
 // a segment of some 200 bytes with 1,300 bytes of bookkeeping, so an eighth of what is free holds

@@ -20,14 +20,14 @@
 //                 ERANGE for a period beyond the clock.
 //
 // Flags
-//   EV_ADD, EV_DELETE, EV_ENABLE, EV_DISABLE, EV_ONESHOT; EV_EOF and EV_ERROR in what is returned.
+//   EV_ADD, EV_DELETE, EV_ENABLE, EV_ONESHOT; EV_EOF and EV_ERROR in what is returned.
 //
 // Descriptors
 //   Closing a descriptor removes its filters, also while a duplicate of it lives. Its number may
 //   be reused at once. Two things cannot be seen from outside the kernel: a descriptor closed and
-//   then made again, under the same number, from a duplicate of itself; and a regular file or
-//   terminal closed and opened again under the same number. Both keep their filters. A directory
-//   and other descriptors that epoll(7) cannot watch are refused with EINVAL.
+//   then made again, under the same number, from a duplicate of itself; and a regular file closed
+//   and opened again under the same number. Both keep their filters. Directories and block
+//   devices are refused with EINVAL.
 //
 // Threads: any; calls on one queue take turns, so one call that waits holds up the others.
 // close(2) of the queue's own descriptor is enough to be rid of it.
@@ -56,7 +56,6 @@ struct kevent {
 #define EV_ADD 0x0001
 #define EV_DELETE 0x0002
 #define EV_ENABLE 0x0004
-#define EV_DISABLE 0x0008
 #define EV_ONESHOT 0x0010
 #define EV_ERROR 0x4000
 #define EV_EOF 0x8000
