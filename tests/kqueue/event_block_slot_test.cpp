@@ -46,4 +46,16 @@ TEST(EventBlockSlot, ClearingDropsWhatTheBlockHolds) {
     EXPECT_EQ(held.use_count(), 1);
 }
 
+TEST(EventBlockSlot, BlockThatGoesMayUseTheSlot) {
+    EventBlockSlot slot;
+    bool answer = true;
+    {
+        const std::shared_ptr<void> asks(
+            nullptr, [&](void*) { answer = slot.call(nullptr, nullptr, 0, nullptr, 0); });
+        slot.store([asks](auto&&...) { return true; });
+    }
+    slot.clear();
+    EXPECT_FALSE(answer);
+}
+
 }  // namespace

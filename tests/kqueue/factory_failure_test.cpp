@@ -106,6 +106,12 @@ TEST_F(FactoryFailure, ClientWhoseFlagsCannotBeSetFails) {
     expectOnlyError("cannot initialize unix socket object");
 }
 
+TEST_F(FactoryFailure, TcpClientThatFailsAtOnceLeavesNothingOpen) {
+    failingCalls.setFlags = EPERM;
+    EXPECT_EQ(loop->createTCPClient(asSockaddr(loopback(AF_INET, 1))), nullptr);
+    expectOnlyError("cannot initialize TCP socket object");
+}
+
 TEST_F(FactoryFailure, ServersThatCannotListenFailAndTheUnixOneLeavesItsFile) {
     const std::string other = directory.file("other");
     failingCalls.listen = EADDRINUSE;
@@ -237,6 +243,31 @@ TEST_F(AcceptFailure, OfATcpServerIsLoggedToo) {
     EXPECT_EQ(log.errors(), std::vector<std::string>{"error " + tagOf(server.get()) +
                                                      ": cannot accept inet connection"});
     close(client);
+    stopLoop();
+}
+
+TEST_F(AcceptFailure, ConnectionOfAPeerThatCannotBeIdentifiedIsClosedSilently) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("socket");
+    EventRecorder events;
+    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    loop->startObject(server, events.answering(false));
+    failingCalls.peerCredentials = ENOTCONN;
+    const size_t before = openDescriptors();
+    const int client = socket(AF_UNIX, SOCK_STREAM, 0);
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(connect(client, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0);
+    const struct timeval patience = {.tv_sec = 20, .tv_usec = 0};
+    setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    char byte = 0;
+    EXPECT_EQ(read(client, &byte, 1), 0);
+    close(client);
+    settle();
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_TRUE(events.all().empty());
+    EXPECT_TRUE(log.errors().empty());
     stopLoop();
 }
 

@@ -31,11 +31,13 @@ int __real_socket(int domain, int type, int protocol);
 int __real_epoll_create1(int flags);
 int __real_listen(int sock, int backlog);
 int __real_accept(int sock, struct sockaddr* address, socklen_t* length);
+int __real_getsockopt(int sock, int level, int name, void* value, socklen_t* length);
 int __wrap_fcntl(int fd, int command, ...);
 int __wrap_socket(int domain, int type, int protocol);
 int __wrap_epoll_create1(int flags);
 int __wrap_listen(int sock, int backlog);
 int __wrap_accept(int sock, struct sockaddr* address, socklen_t* length);
+int __wrap_getsockopt(int sock, int level, int name, void* value, socklen_t* length);
 
 int __wrap_fcntl(int fd, int command, ...) {
     va_list arguments;
@@ -61,6 +63,12 @@ int __wrap_listen(int sock, int backlog) {
 
 int __wrap_accept(int sock, struct sockaddr* address, socklen_t* length) {
     return fails(failingCalls.accept) ? -1 : __real_accept(sock, address, length);
+}
+
+int __wrap_getsockopt(int sock, int level, int name, void* value, socklen_t* length) {
+    if (level == SOL_SOCKET && name == SO_PEERCRED && fails(failingCalls.peerCredentials))
+        return -1;
+    return __real_getsockopt(sock, level, name, value, length);
 }
 
 // The C++ library calls this one, so it is replaced rather than wrapped.

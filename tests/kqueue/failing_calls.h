@@ -10,8 +10,9 @@ struct FailingCalls {
     std::atomic<int> socket{0};
     std::atomic<int> listen{0};
     std::atomic<int> accept{0};
-    std::atomic<int> createQueue{0};   // epoll_create1
-    std::atomic<int> createThread{0};  // pthread_create
+    std::atomic<int> peerCredentials{0};  // getsockopt, SO_PEERCRED
+    std::atomic<int> createQueue{0};      // epoll_create1
+    std::atomic<int> createThread{0};     // pthread_create
 };
 
 extern FailingCalls failingCalls;

@@ -5,7 +5,10 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "kqueue/HXKQueueAcceptedConnection.h"
 #include "kqueue/HXKQueueStreamSocket.h"
@@ -202,6 +205,69 @@ TEST_F(UnixServer, WritingToItDoesNothing) {
     EXPECT_TRUE(events.all().empty());
 }
 
+TEST_F(UnixServer, DeclinedConnectionIsShutDownWhileADuplicateLives) {
+    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    std::atomic<int> duplicate{-1};
+    loop->startObject(server, events.block([&](const RecordedEvent& event, auto*) {
+        duplicate = dup(connectionOf(event).sock);
+        return false;
+    }));
+    const int client = connectTo(path);
+    ASSERT_TRUE(events.waitFor(HXKQueueEventData));
+    settle();
+    char byte = 0;
+    EXPECT_EQ(recv(client, &byte, 1, MSG_DONTWAIT), 0);
+    EXPECT_EQ(send(client, "x", 1, MSG_DONTWAIT | MSG_NOSIGNAL), -1);
+    EXPECT_EQ(errno, EPIPE);
+    close(client);
+    close(duplicate);
+}
+
+TEST_F(UnixServer, AcceptedConnectionIsInBlockingMode) {
+    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    loop->startObject(server, events.block());
+    const int client = connectTo(path);
+    ASSERT_TRUE(events.waitFor(HXKQueueEventData));
+    const int accepted = connectionOf(events.last()).sock;
+    EXPECT_EQ(fcntl(accepted, F_GETFL) & O_NONBLOCK, 0);
+    close(accepted);
+    close(client);
+}
+
+TEST_F(UnixServer, AtLeast128ConnectionsWaitBeforeTheStart) {
+    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    std::vector<int> clients(128);
+    for (int& client : clients) {
+        client = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        EXPECT_EQ(connect(client, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0);
+    }
+    loop->startObject(server, events.answering(false));
+    EXPECT_TRUE(events.waitFor(HXKQueueEventData, clients.size()));
+    for (const int client : clients)
+        close(client);
+}
+
+TEST_F(UnixServer, FileAtAPathThatIsTooLongStays) {
+    std::string tooLong = directory.file("");
+    tooLong.resize(104, 'p');
+    close(open(tooLong.c_str(), O_CREAT | O_WRONLY, 0600));
+    EXPECT_EQ(loop->createUnixServer(tooLong.c_str(), 0600), nullptr);
+    EXPECT_EQ(access(tooLong.c_str(), F_OK), 0);
+}
+
+TEST_F(UnixServer, ListensInBlockingMode) {
+    const int number = nextDescriptor();
+    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    int listens = 0;
+    socklen_t length = sizeof listens;
+    ASSERT_EQ(getsockopt(number, SOL_SOCKET, SO_ACCEPTCONN, &listens, &length), 0);
+    EXPECT_EQ(listens, 1);
+    EXPECT_EQ(fcntl(number, F_GETFL) & O_NONBLOCK, 0);
+}
+
 class TcpServer : public LoopTest {
 protected:
     ~TcpServer() override { stopLoop(); }
@@ -317,6 +383,30 @@ TEST_F(TcpServer, ListensOnIPv6) {
     if (!server) GTEST_SKIP() << "no IPv6 on this machine";
     EXPECT_TRUE(log.has("debug " + tagOf(server.get()) +
                         ": TCP Server (::1:" + std::to_string(port) + ") created"));
+}
+
+TEST_F(TcpServer, ListensInBlockingModeWithBothReuseOptions) {
+    const int number = nextDescriptor();
+    const auto server = loop->createTCPServer(asSockaddr(address));
+    ASSERT_NE(server, nullptr);
+    EXPECT_EQ(fcntl(number, F_GETFL) & O_NONBLOCK, 0);
+    for (const int option : {SO_ACCEPTCONN, SO_REUSEPORT, SO_REUSEADDR}) {
+        int value = 0;
+        socklen_t length = sizeof value;
+        ASSERT_EQ(getsockopt(number, SOL_SOCKET, option, &value, &length), 0);
+        EXPECT_EQ(value, 1) << option;
+    }
+}
+
+TEST_F(TcpServer, AcceptedConnectionIsInBlockingMode) {
+    const auto server = loop->createTCPServer(asSockaddr(address));
+    loop->startObject(server, events.block());
+    const int client = connectTo(port);
+    ASSERT_TRUE(events.waitFor(HXKQueueEventData));
+    const int accepted = connectionOf(events.last()).sock;
+    EXPECT_EQ(fcntl(accepted, F_GETFL) & O_NONBLOCK, 0);
+    close(accepted);
+    close(client);
 }
 
 }  // namespace

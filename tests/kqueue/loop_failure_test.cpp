@@ -1,8 +1,11 @@
+#include <dirent.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <optional>
 
 #include "kqueue/HXKQueueStreamSocket.h"
@@ -21,6 +24,26 @@ std::shared_ptr<HXKQueue> makeLoop() {
 
 class LoopFailure : public testing::Test {
 protected:
+    // Of this process. A loop that is not started has its thread already.
+    static size_t threadCount() {
+        size_t count = 0;
+        DIR* directory = opendir("/proc/self/task");
+        while (const struct dirent* entry = readdir(directory))
+            if (entry->d_name[0] != '.') ++count;
+        closedir(directory);
+        return count;
+    }
+
+    // Returns once only count threads are left; false after twenty seconds.
+    static bool waitForThreads(size_t count) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (threadCount() > count) {
+            if (std::chrono::steady_clock::now() > end) return false;
+            sched_yield();
+        }
+        return true;
+    }
+
     LogRecorder log{LogLevel::Error};
 };
 
@@ -87,9 +110,13 @@ TEST_F(LoopFailure, ThreadWithoutItsFirstCopyOfTheSourcesEnds) {
     const std::string line = "error cannot initialize active list";
     LogRecorder own{LogLevel::Error};
     const auto loop = makeLoop();
-    const FailingAllocations failing(3, Extent::OnlyThatOne, Threads::All);
-    loop->start();
-    EXPECT_TRUE(own.waitFor(line));
+    const size_t running = threadCount();
+    {
+        const FailingAllocations failing(3, Extent::OnlyThatOne, Threads::All);
+        loop->start();
+        EXPECT_TRUE(own.waitFor(line));
+    }
+    EXPECT_TRUE(waitForThreads(running - 1));
     loop->stop();
 }
 
@@ -112,9 +139,10 @@ TEST_F(LoopFailure, ThreadWithoutAFreshCopyOfTheSourcesEnds) {
     std::array<int, 2> first{};
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, first.data()), 0);
+    const auto loop = makeLoop();
+    const size_t running = threadCount();
     const uint64_t nth = allocationsOfAFactory(ends[0]) + 1;
     LogRecorder own{LogLevel::Error};
-    const auto loop = makeLoop();
     loop->start();
     // Once a source has been stopped, the thread has all that it makes at its start.
     loop->stopObject(loop->createStreamSocket(first[0], true));
@@ -126,6 +154,7 @@ TEST_F(LoopFailure, ThreadWithoutAFreshCopyOfTheSourcesEnds) {
         EXPECT_TRUE(own.waitFor(line));
     }
     EXPECT_EQ(own.errors(), std::vector<std::string>{line});
+    EXPECT_TRUE(waitForThreads(running - 1));
     loop->stop();
     for (const int fd : {ends[0], ends[1], first[1]})
         close(fd);

@@ -70,6 +70,12 @@ size_t openDescriptors() {
     return count;
 }
 
+int nextDescriptor() {
+    const int number = open("/", O_RDONLY | O_CLOEXEC);
+    close(number);
+    return number;
+}
+
 TemporaryDirectory::TemporaryDirectory() : path("/tmp/hxkqueue-XXXXXX") {
     EXPECT_NE(mkdtemp(path.data()), nullptr);
 }

@@ -40,6 +40,9 @@ std::string tagOf(const void* object);
 // How many descriptors the process has open.
 size_t openDescriptors();
 
+// The number that the next descriptor will have, as long as no other thread opens one.
+int nextDescriptor();
+
 // A directory of the test's own, empty again and gone at the end.
 class TemporaryDirectory {
 public:

@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <future>
 
 #include "kqueue/HXKQueueStreamSocket.h"
 #include "tests/kqueue/loop_fixture.h"
@@ -157,6 +160,60 @@ TEST_F(LoopAndKernel, ForwardsStartAndWriteToAnySource) {
     EXPECT_TRUE(loop->write(source, "x", 1));
     EXPECT_EQ(source->enabled, 1);
     EXPECT_EQ(source->writes, 1);
+}
+
+TEST_F(LoopAndKernel, RecordOfASourceThatIsStoppedAfterSomeIterationsIsDropped) {
+    const auto source = makeSource();
+    kernel.deliver({recordFor(source.get(), 1)});
+    kernel.settle();
+    EXPECT_EQ(source->records, 1);
+    loop->stopObject(source);
+    kernel.settle();
+    EXPECT_EQ(source->stops, 1);
+    kernel.deliver({recordFor(source.get(), 2)});
+    kernel.settle();
+    EXPECT_EQ(source->records, 1);
+}
+
+// The call after the stop is made to fail: it has to be the one that had the removals.
+TEST_F(LoopAndKernel, RemovalsOfAStopGoOutWithTheNextCall) {
+    const Stream borrowed = makeStream(false);
+    kernel.settle();
+    kernel.beforeNextRemoval([this] { kernel.failNextCall(); });
+    loop->stopObject(borrowed.source);
+    kernel.settle();
+    EXPECT_EQ(kernel.failedCalls(), 1U);
+    EXPECT_TRUE(kernel.changes().empty());
+    close(borrowed.sock);
+    close(borrowed.peer);
+}
+
+TEST_F(LoopAndKernel, WriteToNothingIsTrueToo) {
+    EXPECT_TRUE(loop->write(nullptr, "x", 1));
+}
+
+TEST_F(LoopAndKernel, EveryCallHasRoomForThousandRecordsAndWaitsFiveMilliseconds) {
+    kernel.settle();
+    EXPECT_EQ(kernel.lastRoom(), 1000);
+    EXPECT_EQ(kernel.lastTimeout().tv_sec, 0);
+    EXPECT_EQ(kernel.lastTimeout().tv_nsec, 5'000'000);
+}
+
+TEST_F(LoopAndKernel, RequestsAreTakenWhileTheThreadWaits) {
+    const auto source = makeSource();
+    std::atomic<bool> wasHeldUp{false};
+    std::future<void> other;
+    kernel.duringNextCall([&] {
+        other = std::async(std::launch::async, [&] {
+            const struct kevent change = recordFor(source.get(), 1, EV_ADD | EV_ENABLE);
+            loop->submitChange(&change);
+            loop->stopObject(source);
+        });
+        wasHeldUp = other.wait_for(std::chrono::seconds(5)) != std::future_status::ready;
+    });
+    kernel.settle();
+    EXPECT_FALSE(wasHeldUp);
+    EXPECT_EQ(source->stops, 1);
 }
 
 }  // namespace

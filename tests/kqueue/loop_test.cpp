@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <future>
 #include <thread>
 
 #include "kqueue/HXKQueueStreamSocket.h"
@@ -100,6 +101,26 @@ TEST_F(Loop, BlockMayStopItsOwnSource) {
     ASSERT_TRUE(log.waitFor("debug " + tagOf(stream.source.get()) + ": stop"));
     char byte = 0;
     EXPECT_EQ(read(stream.peer, &byte, 1), 0);
+    close(stream.peer);
+}
+
+TEST_F(Loop, BlockMayWaitForAnotherThreadThatUsesTheLoop) {
+    EventRecorder events;
+    Stream stream = makeStream();
+    std::atomic<bool> wasHeldUp{false};
+    std::future<void> other;
+    loop->startObject(stream.source, events.block([&](const RecordedEvent& event, auto*) {
+        if (event.code != HXKQueueEventData) return true;
+        other = std::async(std::launch::async, [&] {
+            loop->write(stream.source, "x", 1);
+            loop->stopObject(stream.source);
+        });
+        wasHeldUp = other.wait_for(5s) != std::future_status::ready;
+        return true;
+    }));
+    ASSERT_EQ(::write(stream.peer, "x", 1), 1);
+    ASSERT_TRUE(log.waitFor("debug " + tagOf(stream.source.get()) + ": stop"));
+    EXPECT_FALSE(wasHeldUp);
     close(stream.peer);
 }
 

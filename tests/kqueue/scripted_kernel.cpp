@@ -16,6 +16,8 @@ void ScriptedKernel::reset() {
     const std::lock_guard guard(lock);
     submitted.clear();
     pending.clear();
+    beforeRemoval = nullptr;
+    duringCall = nullptr;
     failing = false;
     failures = 0;
 }
@@ -38,6 +40,11 @@ void ScriptedKernel::removalIsComing() {
         action.swap(beforeRemoval);
     }
     if (action) action();
+}
+
+void ScriptedKernel::duringNextCall(std::function<void()> action) {
+    const std::lock_guard guard(lock);
+    duringCall = std::move(action);
 }
 
 void ScriptedKernel::failNextCall() {
@@ -63,11 +70,30 @@ size_t ScriptedKernel::failedCalls() const {
     return failures;
 }
 
+int ScriptedKernel::lastRoom() const {
+    const std::lock_guard guard(lock);
+    return givenRoom;
+}
+
+struct timespec ScriptedKernel::lastTimeout() const {
+    const std::lock_guard guard(lock);
+    return givenTimeout;
+}
+
 int ScriptedKernel::call(const struct kevent* changes, int changeCount, struct kevent* events,
                          int room, const struct timespec* timeout) {
     std::unique_lock guard(lock);
     ++calls;
+    givenRoom = room;
+    givenTimeout = *timeout;
     changed.notify_all();
+    if (duringCall) {
+        std::function<void()> action;
+        action.swap(duringCall);
+        guard.unlock();
+        action();
+        guard.lock();
+    }
     if (failing) {
         failing = false;
         ++failures;

@@ -34,6 +34,9 @@ public:
     void beforeNextRemoval(std::function<void()> action);
     void removalIsComing();
 
+    // Runs action, once, on the thread of the next call, while that is under way.
+    void duringNextCall(std::function<void()> action);
+
     // The next call takes its changes and fails.
     void failNextCall();
 
@@ -43,6 +46,10 @@ public:
 
     [[nodiscard]] std::vector<Change> changes() const;
     [[nodiscard]] size_t failedCalls() const;
+
+    // What the last call that has begun was given.
+    [[nodiscard]] int lastRoom() const;
+    [[nodiscard]] struct timespec lastTimeout() const;
 
     // What the executable's kevent does.
     int call(const struct kevent* changes, int changeCount, struct kevent* events, int room,
@@ -54,6 +61,9 @@ private:
     std::vector<Change> submitted;
     std::vector<struct kevent> pending;
     std::function<void()> beforeRemoval;
+    std::function<void()> duringCall;
+    int givenRoom = 0;
+    struct timespec givenTimeout = {};
     bool failing = false;
     size_t calls = 0;
     size_t failures = 0;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <future>
@@ -212,6 +213,46 @@ TEST_F(StreamSocketAndKernel, StopOfAnOwnedDescriptorSubmitsNothing) {
     EXPECT_TRUE(kernel.changes().empty());
 }
 
+TEST_F(StreamSocketAndKernel, ReadRecordOfLessThanNothingIsTerminatedWithoutAnError) {
+    start();
+    report(EVFILT_READ, -1);
+    EXPECT_EQ(events.last().code, HXKQueueEventTerminated);
+    EXPECT_TRUE(log.errors().empty());
+}
+
+TEST_F(StreamSocketAndKernel, WriteRecordWithTheEndStillWritesOnceConnected) {
+    start();
+    loop->write(stream.source, "x", 1);
+    report(EVFILT_WRITE, 100, EV_EOF);
+    EXPECT_EQ(arrived(), "x");
+    report(EVFILT_WRITE, 100, EV_EOF);
+    EXPECT_EQ(events.codes(), std::vector<int32_t>{HXKQueueEventConnected});
+}
+
+TEST_F(StreamSocketAndKernel, ReadRecordWithTheEndDeliversItsBytesAsData) {
+    start();
+    ASSERT_EQ(::write(stream.peer, "last", 4), 4);
+    report(EVFILT_READ, 4, EV_EOF);
+    EXPECT_EQ(events.codes(), (std::vector<int32_t>{HXKQueueEventConnected, HXKQueueEventData}));
+    EXPECT_EQ(events.last().bytes, "last");
+}
+
+TEST_F(StreamSocketAndKernel, BlockThatIsToldOfAFailedWriteMayWaitForAnotherThreadsWrite) {
+    std::atomic<bool> wasHeldUp{false};
+    std::future<void> other;
+    loop->startObject(stream.source, events.block([&](const RecordedEvent& event, auto*) {
+        if (event.code != HXKQueueEventTerminated) return true;
+        other = std::async(std::launch::async, [this] { loop->write(stream.source, "y", 1); });
+        wasHeldUp = other.wait_for(std::chrono::seconds(5)) != std::future_status::ready;
+        return true;
+    }));
+    ASSERT_EQ(shutdown(stream.sock, SHUT_WR), 0);
+    loop->write(stream.source, "x", 1);
+    report(EVFILT_WRITE, 100);
+    EXPECT_EQ(events.count(HXKQueueEventTerminated), 1U);
+    EXPECT_FALSE(wasHeldUp);
+}
+
 // A client whose connect stays pending, because the listener's backlog is full.
 class PendingConnectAndKernel : public LoopTest {
 protected:
@@ -295,6 +336,22 @@ TEST_F(PendingConnectAndKernel, WriteRecordWithTheEndMeansCannotConnectAndChange
     EXPECT_TRUE(changes().empty());
     report(EVFILT_WRITE, EV_EOF, 100);
     EXPECT_EQ(events.codes(), (std::vector<int32_t>(2, HXKQueueEventCannotConnect)));
+}
+
+TEST_F(PendingConnectAndKernel, BlockThatIsToldOfTheConnectionFindsItConnected) {
+    EventRecorder second;
+    loop->startObject(client, events.block([&](const RecordedEvent& event, auto*) {
+        loop->startObject(event.source, second.block());
+        return true;
+    }));
+    kernel.settle();
+    report(EVFILT_WRITE, 0, 100);
+    EXPECT_EQ(second.codes(), std::vector<int32_t>{HXKQueueEventConnected});
+}
+
+TEST_F(PendingConnectAndKernel, LeavesTheSocketInBlockingMode) {
+    const int sock = static_cast<int>(kernel.changes().at(0).ident);
+    EXPECT_EQ(fcntl(sock, F_GETFL) & O_NONBLOCK, 0);
 }
 
 }  // namespace

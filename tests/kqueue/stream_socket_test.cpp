@@ -172,4 +172,17 @@ TEST_F(StreamSocket, BlockMayBeReplacedWhileItRuns) {
     EXPECT_EQ(events.allBytes(), std::string(200, 'x'));
 }
 
+TEST_F(StreamSocket, StopEndsBothDirectionsWhileADuplicateLives) {
+    const int duplicate = dup(stream.sock);
+    loop->startObject(stream.source, events.block());
+    loop->stopObject(stream.source);
+    ASSERT_TRUE(log.waitFor("debug " + tagOf(stream.source.get()) + ": stop"));
+    settle();
+    char byte = 0;
+    EXPECT_EQ(recv(stream.peer, &byte, 1, MSG_DONTWAIT), 0);
+    EXPECT_EQ(::send(stream.peer, "x", 1, MSG_DONTWAIT | MSG_NOSIGNAL), -1);
+    EXPECT_EQ(errno, EPIPE);
+    close(duplicate);
+}
+
 }  // namespace

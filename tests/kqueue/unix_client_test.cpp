@@ -91,4 +91,17 @@ TEST_F(UnixClient, FailsAtOnceWhenNobodyListensAndLeavesNothingOpen) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
+TEST_F(UnixClient, FailsAtOnceWhenTheBacklogIsFullAndLeavesNothingOpen) {
+    ASSERT_EQ(listen(listener, 1), 0);
+    const size_t before = openDescriptors();
+    size_t waiting = 0;
+    while (loop->createUnixClient(path.c_str())) {
+        ++waiting;
+        ASSERT_LT(waiting, 10U) << "the backlog never fills";
+    }
+    EXPECT_GE(waiting, 1U);
+    EXPECT_EQ(log.errors(), std::vector<std::string>{"error cannot initialize unix socket object"});
+    EXPECT_EQ(openDescriptors(), before + waiting);
+}
+
 }  // namespace

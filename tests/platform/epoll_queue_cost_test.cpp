@@ -1,4 +1,9 @@
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
+
+#include <array>
+#include <ctime>
 
 #include "tests/platform/epoll_calls.h"
 #include "tests/platform/kernel_queue.h"
@@ -21,6 +26,20 @@ protected:
         struct kevent change;
         EV_SET(&change, fd, EVFILT_WRITE, flags, 0, 0, nullptr);
         return change;
+    }
+
+    // The processor time of this thread, in nanoseconds.
+    static int64_t processorTime() {
+        struct timespec time;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return time.tv_sec * 1'000'000'000 + time.tv_nsec;
+    }
+
+    // Whether a wait for nothing sleeps rather than asking again and again.
+    bool waitSleeps() {
+        const int64_t before = processorTime();
+        EXPECT_TRUE(wait(8, 200).empty());
+        return processorTime() - before < 30'000'000;
     }
 
     Records records = Records(64);
@@ -60,6 +79,74 @@ TEST_F(Cost, SteadyStateAllocatesNothingAndTellsEpollNothing) {
     EXPECT_FALSE(first.happened());
     EXPECT_TRUE(allRight);
     EXPECT_EQ(epollCtlCalls, before);
+}
+
+TEST_F(Cost, WakeUpWithoutBytesDoesNotKeepTheWaitBusy) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends.data()), 0);
+    const Descriptor ours(ends[0]);
+    const Descriptor peer(ends[1]);
+    add(ours, EVFILT_READ);
+    ASSERT_EQ(::send(peer, "", 0, 0), 0);
+    EXPECT_TRUE(waitSleeps());
+}
+
+TEST_F(Cost, UnconnectedSocketDoesNotKeepTheWaitBusy) {
+    const Descriptor client(socket(AF_INET, SOCK_STREAM, 0));
+    add(client, EVFILT_READ);
+    add(client, EVFILT_WRITE);
+    EXPECT_TRUE(waitSleeps());
+}
+
+TEST_F(Cost, DuplicateOfAClosedDescriptorDoesNotKeepTheWaitBusy) {
+    Pair pair = unixPair();
+    add(pair.ours, EVFILT_READ);
+    const Descriptor duplicate(dup(pair.ours));
+    pair.ours.reset();
+    send(pair.peer, "x");
+    EXPECT_TRUE(waitSleeps());
+}
+
+TEST_F(Cost, PeriodicTimerAllocatesNothingPerDelivery) {
+    ASSERT_EQ(change(1, EVFILT_TIMER, EV_ADD, 1), 0);
+    struct kevent record;
+    ASSERT_EQ(kevent(queue, nullptr, 0, &record, 1, nullptr), 1);
+    const FailingAllocations first(1);
+    bool allRight = true;
+    for (int i = 0; i < 5; ++i)
+        allRight = kevent(queue, nullptr, 0, &record, 1, nullptr) == 1 && allRight;
+    EXPECT_FALSE(first.happened());
+    EXPECT_TRUE(allRight);
+}
+
+TEST_F(Cost, DuplicateOfAClosedDescriptorIsShakenOffOnceAndLeavesNoDescriptorOpen) {
+    Pair gone = unixPair();
+    const Pair kept = unixPair();
+    add(gone.ours, EVFILT_READ);
+    add(kept.ours, EVFILT_READ);
+    const Descriptor duplicate(dup(gone.ours));
+    gone.ours.reset();
+    const int lowest = dup(kept.ours);
+    close(lowest);
+    send(gone.peer, "x");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(look().empty());
+    const int before = epollCtlCalls;
+    for (int i = 0; i < 10; ++i)
+        EXPECT_TRUE(look().empty());
+    EXPECT_EQ(epollCtlCalls, before);
+    EXPECT_EQ(Descriptor(dup(kept.ours)), lowest);
+}
+
+TEST_F(Cost, WriteFilterOfASocketWithoutRoomIsLeftToEpoll) {
+    const Pair pair = unixPair();
+    fillUp(pair.ours);
+    add(pair.ours, EVFILT_WRITE);
+    const int before = epollCtlCalls;
+    EXPECT_TRUE(look().empty());
+    EXPECT_EQ(epollCtlCalls, before + 1);
+    EXPECT_TRUE(look().empty());
+    EXPECT_EQ(epollCtlCalls, before + 1);
 }
 
 }  // namespace

@@ -1,8 +1,14 @@
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/types.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
+#include <string>
+#include <thread>
 
 #include "tests/platform/kernel_queue.h"
 
@@ -67,6 +73,45 @@ TEST_F(FileFilter, OfUnknownKindOrFlagIsRefused) {
     constexpr int kClear = 0x20;
     EXPECT_EQ(change(ident, kUnknownFilter, EV_ADD), EINVAL);
     EXPECT_EQ(change(ident, EVFILT_READ, EV_ADD | kClear), EINVAL);
+}
+
+TEST_F(FileFilter, RemovedOrClosedIsNoLongerLookedAt) {
+    send(file, "0123");
+    ASSERT_EQ(lseek(file, 0, SEEK_SET), 0);
+    add(file, EVFILT_READ);
+    EXPECT_EQ(waitForOne().data, 4);
+    const int number = file;
+    file.reset();
+    EXPECT_TRUE(look().empty());
+    std::string other = testing::TempDir() + "file-XXXXXX";
+    file = Descriptor(mkstemp(other.data()));
+    unlink(other.c_str());
+    ASSERT_EQ(file, number);
+    send(file, "0123");
+    ASSERT_EQ(lseek(file, 0, SEEK_SET), 0);
+    EXPECT_TRUE(look().empty());
+    EXPECT_EQ(change(static_cast<uint64_t>(number), EVFILT_READ, EV_DELETE), ENOENT);
+}
+
+// Whether the thread is waiting for something: its state follows its name, which is in parentheses.
+bool sleeps(pid_t thread) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    return line.find(") S ") != std::string::npos;
+}
+
+TEST_F(FileFilter, ThatGrowsDuringAWaitEndsIt) {
+    add(file, EVFILT_READ);
+    std::atomic<bool> isWaiting{false};
+    std::thread writer([this, &isWaiting, waiting = gettid()] {
+        while (!isWaiting || !sleeps(waiting))
+            sched_yield();
+        ASSERT_EQ(pwrite(file, "grown", 5, 0), 5);
+    });
+    isWaiting = true;
+    EXPECT_EQ(waitForOne().data, 5);
+    writer.join();
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 void Descriptor::reset() {
     if (fd != -1) close(std::exchange(fd, -1));
@@ -59,6 +60,15 @@ Pair pipePair() {
     return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
+Pair terminalPair() {
+    Descriptor master(posix_openpt(O_RDWR | O_NOCTTY));
+    EXPECT_EQ(grantpt(master), 0);
+    EXPECT_EQ(unlockpt(master), 0);
+    Descriptor terminal(open(ptsname(master), O_RDWR | O_NOCTTY));
+    EXPECT_NE(terminal, -1);
+    return {std::move(terminal), std::move(master)};
+}
+
 void send(int fd, const std::string& bytes) {
     ASSERT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
 }
@@ -68,6 +78,14 @@ std::string receive(int fd, size_t size) {
     const ssize_t count = read(fd, bytes.data(), size);
     bytes.resize(count > 0 ? static_cast<size_t>(count) : 0);
     return bytes;
+}
+
+void fillUp(int fd, size_t piece) {
+    const std::string bytes(piece, 'x');
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+    while (::write(fd, bytes.data(), bytes.size()) > 0) {
+    }
+    fcntl(fd, F_SETFL, 0);
 }
 
 KernelQueueTest::KernelQueueTest() : queue(kqueue()) {

@@ -38,12 +38,16 @@ struct Pair {
 
 Pair unixPair();
 Pair tcpPair();
-Pair pipePair();  // ours reads, peer writes
+Pair pipePair();      // ours reads, peer writes
+Pair terminalPair();  // ours is the terminal, peer plays the person at it
 Descriptor tcpListener(uint16_t& port);
 Descriptor connectTo(uint16_t port, bool blocking = true);
 
 void send(int fd, const std::string& bytes);
 std::string receive(int fd, size_t size);
+
+// Puts pieces of the given size in until the kernel refuses.
+void fillUp(int fd, size_t piece = 1000);
 
 class KernelQueueTest : public testing::Test {
 protected:

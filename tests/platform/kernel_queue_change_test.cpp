@@ -1,8 +1,15 @@
 #include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <csignal>
+#include <ctime>
+#include <thread>
 
 #include "tests/platform/kernel_queue.h"
 
@@ -14,6 +21,12 @@ struct kevent makeChange(int fd, int filter, int flags, void* udata = nullptr) {
     struct kevent change;
     EV_SET(&change, fd, static_cast<int16_t>(filter), flags, 0, 0, udata);
     return change;
+}
+
+int64_t now() {
+    struct timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec * 1'000'000'000 + time.tv_nsec;
 }
 
 static_assert(sizeof(struct kevent) == 32);
@@ -165,14 +178,138 @@ TEST_F(Changes, ThousandQueuesOpenAndCloseWithoutKeepingADescriptor) {
 TEST_F(Changes, WaitWithNothingReadyLastsAsLongAsItsTimeout) {
     const Pair pair = unixPair();
     add(pair.ours, EVFILT_READ);
-    struct timespec before;
-    struct timespec after;
-    clock_gettime(CLOCK_MONOTONIC, &before);
+    const int64_t start = now();
     EXPECT_TRUE(wait(8, 5).empty());
-    clock_gettime(CLOCK_MONOTONIC, &after);
-    const int64_t elapsed =
-        (after.tv_sec - before.tv_sec) * 1'000'000'000 + after.tv_nsec - before.tv_nsec;
-    EXPECT_GE(elapsed, 5'000'000);
+    EXPECT_GE(now() - start, 5'000'000);
+}
+
+TEST_F(Changes, LastChangeOfAFilterDecides) {
+    Pair pair = unixPair();
+    send(pair.peer, "x");
+    const Records changes = {makeChange(pair.ours, EVFILT_READ, EV_ADD | EV_ENABLE),
+                             makeChange(pair.ours, EVFILT_READ, EV_DELETE)};
+    Records records(8);
+    const struct timespec atOnce = {};
+    EXPECT_EQ(kevent(queue, changes.data(), 2, records.data(), 8, &atOnce), 0);
+    EXPECT_EQ(change(static_cast<uint64_t>(pair.ours), EVFILT_READ, EV_DELETE), ENOENT);
+}
+
+TEST_F(Changes, EnablingAnAbsentFilterFailsAndAddsNothing) {
+    Pair pair = unixPair();
+    const auto ident = static_cast<uint64_t>(pair.ours);
+    send(pair.peer, "x");
+    EXPECT_EQ(change(ident, EVFILT_READ, EV_ENABLE), ENOENT);
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_ENABLE, 0), ENOENT);
+    EXPECT_TRUE(look().empty());
+}
+
+TEST_F(Changes, FilterFlagsThatAreNotSupportedAreRefused) {
+    Pair pair = unixPair();
+    send(pair.peer, "x");
+    constexpr uint32_t kUnknown = 1;
+    for (const int filter : {EVFILT_READ, EVFILT_WRITE, EVFILT_TIMER}) {
+        struct kevent change = makeChange(pair.ours, filter, EV_ADD);
+        change.fflags = kUnknown;
+        EXPECT_EQ(kevent(queue, &change, 1, nullptr, 0, nullptr), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_TRUE(look().empty());
+}
+
+TEST_F(Changes, NumberBeyondEveryDescriptorIsNotTakenForALowerOne) {
+    const Pair pair = unixPair();
+    const uint64_t beyond = (uint64_t{1} << 32) + static_cast<uint64_t>(pair.ours);
+    EXPECT_EQ(change(beyond, EVFILT_WRITE, EV_ADD), EBADF);
+    EXPECT_TRUE(look().empty());
+}
+
+TEST_F(Changes, CallWithANegativeCountOrAnInvalidTimeoutFails) {
+    struct kevent record;
+    const struct timespec atOnce = {};
+    EXPECT_EQ(kevent(queue, nullptr, -1, &record, 1, &atOnce), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(kevent(queue, nullptr, 0, &record, -1, &atOnce), -1);
+    EXPECT_EQ(errno, EINVAL);
+    for (const struct timespec invalid :
+         {timespec{-1, 0}, timespec{0, -1}, timespec{0, 1'000'000'000}}) {
+        EXPECT_EQ(kevent(queue, nullptr, 0, &record, 1, &invalid), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
+}
+
+TEST_F(Changes, QueueIsClosedOnExecAlsoAfterStraysHaveBeenShakenOff) {
+    EXPECT_EQ(fcntl(queue, F_GETFD), FD_CLOEXEC);
+    Pair pair = unixPair();
+    add(pair.ours, EVFILT_READ);
+    const Descriptor duplicate(dup(pair.ours));
+    pair.ours.reset();
+    send(pair.peer, "x");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(look().empty());
+    EXPECT_EQ(fcntl(queue, F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(Changes, DescriptorThatIsNoQueueIsRefused) {
+    const Pair pair = unixPair();
+    struct kevent record;
+    const struct timespec atOnce = {};
+    EXPECT_EQ(kevent(pair.ours, nullptr, 0, &record, 1, &atOnce), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(Changes, RecordOfAOneShotFilterSaysThatItWasOne) {
+    Pair pair = unixPair();
+    send(pair.peer, "x");
+    ASSERT_EQ(change(static_cast<uint64_t>(pair.ours), EVFILT_READ, EV_ADD | EV_ONESHOT), 0);
+    EXPECT_EQ(waitForOne().flags, EV_ONESHOT);
+    ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD | EV_ONESHOT, 1), 0);
+    EXPECT_EQ(waitForOne().flags, EV_ONESHOT);
+}
+
+TEST_F(Changes, AddingAgainWithoutOneShotKeepsTheFilterAfterItsDelivery) {
+    Pair pair = unixPair();
+    send(pair.peer, "x");
+    const auto ident = static_cast<uint64_t>(pair.ours);
+    ASSERT_EQ(change(ident, EVFILT_READ, EV_ADD | EV_ONESHOT), 0);
+    ASSERT_EQ(change(ident, EVFILT_READ, EV_ADD), 0);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(waitForOne().data, 1);
+}
+
+TEST_F(Changes, WaitThatIsInterruptedByASignalSaysSoWithItsChangesApplied) {
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+    std::atomic<bool> isBack{false};
+    std::thread signaller([&isBack, waiting = pthread_self()] {
+        while (!isBack) {
+            pthread_kill(waiting, SIGUSR1);
+            sched_yield();
+        }
+    });
+    struct kevent change;
+    EV_SET(&change, 5, EVFILT_TIMER, EV_ADD, 0, 3'600'000, nullptr);
+    struct kevent record;
+    const struct timespec patience = {.tv_sec = 20, .tv_nsec = 0};
+    const int result = kevent(queue, &change, 1, &record, 1, &patience);
+    const int error = errno;
+    isBack = true;
+    signaller.join();
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, EINTR);
+    EXPECT_EQ(this->change(5, EVFILT_TIMER, EV_DELETE), 0);
+}
+
+TEST_F(Changes, WaitWithAWakeUpThatIsSwallowedLastsAsLongAsItsTimeout) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends.data()), 0);
+    const Descriptor ours(ends[0]);
+    const Descriptor peer(ends[1]);
+    add(ours, EVFILT_READ);
+    ASSERT_EQ(::send(peer, "", 0, 0), 0);
+    const int64_t start = now();
+    EXPECT_TRUE(wait(8, 20).empty());
+    EXPECT_GE(now() - start, 20'000'000);
 }
 
 }  // namespace

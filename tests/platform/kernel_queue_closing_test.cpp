@@ -172,4 +172,33 @@ TEST_F(Closing, NumberReusedThousandTimesGoesToItsOwner) {
     }
 }
 
+TEST_F(Closing, EndOfADuplicateIsNotTakenForTheEndOfTheNextOwnerOfTheNumber) {
+    Pair old = unixPair();
+    add(old.ours, EVFILT_READ, &oldTag);
+    const Descriptor duplicate(dup(old.ours));
+    Pair next = unixPair();
+    reuse(old.ours, std::move(next.ours));
+    add(old.ours, EVFILT_READ, &newTag);
+    old.peer.reset();
+    EXPECT_TRUE(wait(8, 20).empty());
+    send(next.peer, "x");
+    const struct kevent record = waitForOne();
+    EXPECT_EQ(record.udata, &newTag);
+    EXPECT_EQ(record.flags & EV_EOF, 0);
+}
+
+TEST_F(Closing, ThatAChangeHasRunIntoRemovesTheFiltersForGood) {
+    Pair pair = unixPair();
+    const int number = pair.ours;
+    add(number, EVFILT_READ, &oldTag);
+    const Descriptor duplicate(dup(number));
+    pair.ours.reset();
+    EXPECT_EQ(change(static_cast<uint64_t>(number), EVFILT_WRITE, EV_ADD), EBADF);
+    ASSERT_EQ(dup2(duplicate, number), number);
+    pair.ours = Descriptor(number);
+    send(pair.peer, "x");
+    EXPECT_TRUE(wait(8, 20).empty());
+    EXPECT_EQ(change(static_cast<uint64_t>(number), EVFILT_READ, EV_DELETE), ENOENT);
+}
+
 }  // namespace

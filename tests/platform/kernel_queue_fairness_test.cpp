@@ -90,4 +90,66 @@ TEST_F(Fairness, LeftOverRecordIsForgottenWithItsReadiness) {
     EXPECT_TRUE(look().empty());
 }
 
+TEST_F(Fairness, LeftOverRoomIsForgottenOnceItIsFilled) {
+    const std::array<Pair, 2> pairs = {unixPair(), unixPair()};
+    for (const Pair& pair : pairs)
+        add(pair.ours, EVFILT_WRITE);
+    const auto first = static_cast<int>(wait(1).at(0).ident);
+    const Pair& other = first == pairs[0].ours ? pairs[1] : pairs[0];
+    fillUp(other.ours);
+    for (const struct kevent& record : look())
+        EXPECT_NE(record.ident, static_cast<uint64_t>(other.ours));
+}
+
+TEST_F(Fairness, LeftOverRecordThatWasForgottenComesWithTheNextReadiness) {
+    std::array<Pair, 2> pairs = {unixPair(), unixPair()};
+    for (Pair& pair : pairs) {
+        send(pair.peer, "x");
+        add(pair.ours, EVFILT_READ);
+    }
+    const auto first = static_cast<int>(wait(1).at(0).ident);
+    const Pair& other = first == pairs[0].ours ? pairs[1] : pairs[0];
+    EXPECT_EQ(receive(other.ours, 1), "x");
+    EXPECT_EQ(receive(first, 1), "x");
+    EXPECT_TRUE(look().empty());
+    send(other.peer, "y");
+    EXPECT_EQ(waitForOne().ident, static_cast<uint64_t>(other.ours));
+}
+
+TEST_F(Fairness, LeftOverRecordComesOnceInTheNextCall) {
+    std::array<Pair, 10> pairs;
+    for (Pair& pair : pairs) {
+        pair = unixPair();
+        send(pair.peer, "x");
+        add(pair.ours, EVFILT_READ);
+    }
+    EXPECT_EQ(wait(3).size(), 3U);
+    EXPECT_EQ(look().size(), 10U);
+}
+
+TEST_F(Fairness, EveryWritableDescriptorHasItsTurnWithRoomForOne) {
+    std::vector<Pair> pairs(20);
+    for (Pair& pair : pairs) {
+        pair = unixPair();
+        add(pair.ours, EVFILT_WRITE);
+    }
+    std::set<uint64_t> seen;
+    for (size_t i = 0; i < 2 * pairs.size(); ++i)
+        seen.insert(wait(1).at(0).ident);
+    EXPECT_EQ(seen.size(), pairs.size());
+}
+
+TEST_F(Fairness, TimersThatAreAllDueLeaveADescriptorItsTurn) {
+    Pair pair = unixPair();
+    send(pair.peer, "x");
+    add(pair.ours, EVFILT_READ);
+    for (uint64_t i = 0; i < 100; ++i)
+        ASSERT_EQ(change(i, EVFILT_TIMER, EV_ADD, 0), 0);
+    std::map<int, int> turns;
+    for (int i = 0; i < 20; ++i)
+        ++turns[wait(1).at(0).filter];
+    EXPECT_GE(turns[EVFILT_READ], 5);
+    EXPECT_GE(turns[EVFILT_TIMER], 5);
+}
+
 }  // namespace

@@ -169,11 +169,7 @@ TEST_F(ReadFilter, OfAFifoFollowsItsWriters) {
 }
 
 TEST_F(ReadFilter, OfATerminalCountsTheBytesOfALine) {
-    const Descriptor master(posix_openpt(O_RDWR | O_NOCTTY));
-    ASSERT_NE(master, -1);
-    ASSERT_EQ(grantpt(master), 0);
-    ASSERT_EQ(unlockpt(master), 0);
-    const Descriptor terminal(open(ptsname(master), O_RDWR | O_NOCTTY));
+    const auto [terminal, master] = terminalPair();
     add(terminal, EVFILT_READ);
     send(master, "hello\n");
     EXPECT_EQ(waitForOne().data, 6);
@@ -182,6 +178,21 @@ TEST_F(ReadFilter, OfATerminalCountsTheBytesOfALine) {
     const struct kevent record = waitForOne();
     EXPECT_EQ(record.data, 0);
     EXPECT_NE(record.flags & EV_EOF, 0);
+}
+
+TEST_F(ReadFilter, StaysReadyUntilTheBytesAreReadAlsoAfterAWakeUpWithoutAny) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends.data()), 0);
+    const Descriptor ours(ends[0]);
+    const Descriptor peer(ends[1]);
+    add(ours, EVFILT_READ);
+    ASSERT_EQ(::send(peer, "", 0, 0), 0);
+    EXPECT_TRUE(look().empty());
+    char nothing = 0;
+    ASSERT_EQ(recv(ours, &nothing, 1, 0), 0);
+    ASSERT_EQ(::send(peer, "abcd", 4, 0), 4);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(waitForOne().data, 4);
 }
 
 }  // namespace

@@ -75,8 +75,11 @@ TEST_F(TimerFilter, PeriodOfZeroOrLessFiresOnceAtOnceAndStaysRegistered) {
         ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD, period), 0);
         EXPECT_EQ(waitForOne().data, 1);
         EXPECT_TRUE(wait(8, 10).empty());
+        EXPECT_EQ(change(5, EVFILT_TIMER, EV_ENABLE), 0);
         ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD, 1), 0);
         EXPECT_GE(waitForOne().data, 1);
+        ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD, period), 0);
+        EXPECT_EQ(waitForOne().data, 1);
         EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), 0);
     }
 }
@@ -120,6 +123,27 @@ TEST_F(TimerFilter, SharesItsIdentWithADescriptorWithoutConfusion) {
     EXPECT_EQ(waitForOne().filter, EVFILT_TIMER);
     send(pair.peer, "x");
     EXPECT_EQ(waitForOne().filter, EVFILT_READ);
+}
+
+TEST_F(TimerFilter, OfNoPeriodIsDueWhenTheCallThatAddsItLooks) {
+    struct kevent change;
+    EV_SET(&change, 5, EVFILT_TIMER, EV_ADD, NOTE_BACKGROUND, 0, nullptr);
+    struct kevent record;
+    const struct timespec atOnce = {};
+    EXPECT_EQ(kevent(queue, &change, 1, &record, 1, &atOnce), 1);
+}
+
+TEST_F(TimerFilter, AddedAgainTakesItsNewUserDataAndRepeatsWhereItWasOneShot) {
+    int first = 0;
+    int second = 0;
+    ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD | EV_ONESHOT, 1, &first), 0);
+    ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD, 1, &second), 0);
+    for (int i = 0; i < 2; ++i) {
+        const struct kevent record = waitForOne();
+        EXPECT_EQ(record.udata, &second);
+        EXPECT_EQ(record.flags & EV_ONESHOT, 0);
+    }
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), 0);
 }
 
 }  // namespace

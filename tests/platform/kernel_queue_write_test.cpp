@@ -1,35 +1,48 @@
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <thread>
 
 #include "tests/platform/kernel_queue.h"
 
 namespace {
 
-using WriteFilter = KernelQueueTest;
+class WriteFilter : public KernelQueueTest {
+protected:
+    // Writes as many bytes as each count says, and reads a piece at the other end whenever there
+    // is none. A count that is too large would block the write, and the test with it. It is
+    // checked without blocking, so that a failure is a message.
+    void writeAsCounted(const Pair& pair, char byte, size_t piece, int rounds) {
+        std::string drained(piece, '\0');
+        for (int round = 0; round < rounds; ++round) {
+            const Records records = look();
+            if (records.empty()) {
+                ASSERT_GT(read(pair.peer, drained.data(), drained.size()), 0);
+                continue;
+            }
+            ASSERT_GT(records.front().data, 0);
+            const std::string bytes(static_cast<size_t>(records.front().data), byte);
+            fcntl(pair.ours, F_SETFL, O_NONBLOCK);
+            ASSERT_EQ(::write(pair.ours, bytes.data(), bytes.size()),
+                      static_cast<ssize_t>(bytes.size()))
+                << "round " << round;
+            fcntl(pair.ours, F_SETFL, 0);
+        }
+    }
+};
 
-class WriteFilterOfAnyStream : public KernelQueueTest,
-                               public testing::WithParamInterface<Pair (*)()> {
+class WriteFilterOfAnyStream : public WriteFilter, public testing::WithParamInterface<Pair (*)()> {
 protected:
     WriteFilterOfAnyStream() {
         pair = GetParam()();
         if (GetParam() == pipePair) std::swap(pair.ours, pair.peer);
-    }
-
-    // Puts pieces of the given size in until the kernel refuses.
-    void fill(size_t piece) const {
-        const std::string bytes(piece, 'x');
-        fcntl(pair.ours, F_SETFL, O_NONBLOCK);
-        while (::write(pair.ours, bytes.data(), bytes.size()) > 0) {
-        }
-        fcntl(pair.ours, F_SETFL, 0);
     }
 
     Pair pair;
@@ -48,28 +61,13 @@ TEST_P(WriteFilterOfAnyStream, IsReadyWithRoomWhileThePeerListens) {
     }
 }
 
-// A count that is too large would block the write, and the test with it. It is checked without
-// blocking first, so that a failure is a message.
 TEST_P(WriteFilterOfAnyStream, CountNeverBlocksWhateverTheSizeOfTheWritesBefore) {
     for (const size_t piece :
          {size_t{1}, size_t{100}, size_t{1000}, size_t{4096}, size_t{60'000}}) {
-        fill(piece);
+        SCOPED_TRACE("after pieces of " + std::to_string(piece) + " bytes");
+        fillUp(pair.ours, piece);
         add(pair.ours, EVFILT_WRITE);
-        std::string drained(1'000, '\0');
-        for (int round = 0; round < 300; ++round) {
-            const Records records = look();
-            if (records.empty()) {
-                ASSERT_GT(read(pair.peer, drained.data(), drained.size()), 0);
-                continue;
-            }
-            ASSERT_GT(records.front().data, 0);
-            const std::string bytes(static_cast<size_t>(records.front().data), 'y');
-            fcntl(pair.ours, F_SETFL, O_NONBLOCK);
-            ASSERT_EQ(::write(pair.ours, bytes.data(), bytes.size()),
-                      static_cast<ssize_t>(bytes.size()))
-                << "after pieces of " << piece << " bytes, round " << round;
-            fcntl(pair.ours, F_SETFL, 0);
-        }
+        ASSERT_NO_FATAL_FAILURE(writeAsCounted(pair, 'y', 1'000, 300));
         remove(pair.ours, EVFILT_WRITE);
         std::string all(1 << 20, '\0');
         fcntl(pair.peer, F_SETFL, O_NONBLOCK);
@@ -101,7 +99,7 @@ TEST_P(WriteFilterOfAnyStream, BlockingWritesOfTheCountedSizeMoveEverythingToASl
 }
 
 TEST_P(WriteFilterOfAnyStream, IsSilentWhileThereIsNoRoomAndWakesWhenThereIs) {
-    fill(1000);
+    fillUp(pair.ours);
     add(pair.ours, EVFILT_WRITE);
     EXPECT_TRUE(wait(8, 10).empty());
     std::thread reader([this] {
@@ -130,7 +128,7 @@ TEST_P(WriteFilterOfAnyStream, TellsThatThePeerIsGone) {
 }
 
 TEST_P(WriteFilterOfAnyStream, TellsThatThePeerIsGoneWithoutRoomToo) {
-    fill(1000);
+    fillUp(pair.ours);
     add(pair.ours, EVFILT_WRITE);
     EXPECT_TRUE(look().empty());
     pair.peer.reset();
@@ -170,11 +168,8 @@ TEST_F(WriteFilter, OfAPendingConnectIsSilent) {
 }
 
 TEST_F(WriteFilter, OfATerminalIsReady) {
-    const Descriptor master(posix_openpt(O_RDWR | O_NOCTTY));
-    ASSERT_EQ(grantpt(master), 0);
-    ASSERT_EQ(unlockpt(master), 0);
-    const Descriptor terminal(open(ptsname(master), O_RDWR | O_NOCTTY));
-    add(terminal, EVFILT_WRITE);
+    const Pair pair = terminalPair();
+    add(pair.ours, EVFILT_WRITE);
     EXPECT_GT(waitForOne().data, 0);
 }
 
@@ -194,6 +189,66 @@ TEST_F(WriteFilter, OfASmallSendBufferHasRoom) {
         }
         remove(pair.ours, EVFILT_WRITE);
     }
+}
+
+TEST_F(WriteFilter, OfAPeerThatHasOnlyShutItsSendingSideHasNotEnded) {
+    for (const auto make : {unixPair, tcpPair}) {
+        Pair pair = make();
+        fillUp(pair.ours);
+        add(pair.ours, EVFILT_READ);
+        add(pair.ours, EVFILT_WRITE);
+        EXPECT_TRUE(look().empty());
+        ASSERT_EQ(shutdown(pair.peer, SHUT_WR), 0);
+        EXPECT_EQ(waitForOne().filter, EVFILT_READ);
+        fcntl(pair.peer, F_SETFL, O_NONBLOCK);
+        struct kevent record = {};
+        while (record.filter != EVFILT_WRITE) {
+            std::string all(1 << 20, '\0');
+            while (read(pair.peer, all.data(), all.size()) > 0) {
+            }
+            record = wait().back();
+        }
+        EXPECT_EQ(record.flags & EV_EOF, 0);
+        EXPECT_GT(record.data, 0);
+        remove(pair.ours, EVFILT_READ);
+        remove(pair.ours, EVFILT_WRITE);
+    }
+}
+
+// Tabs are the worst case: output processing makes eight columns of each.
+TEST_F(WriteFilter, CountOfATerminalNeverBlocksEvenIfEveryByteIsATab) {
+    const Pair pair = terminalPair();
+    struct termios mode = {};
+    ASSERT_EQ(tcgetattr(pair.ours, &mode), 0);
+    mode.c_oflag |= OPOST | TAB3;
+    ASSERT_EQ(tcsetattr(pair.ours, TCSANOW, &mode), 0);
+    fillUp(pair.ours);
+    add(pair.ours, EVFILT_WRITE);
+    writeAsCounted(pair, '\t', 100, 2'000);
+}
+
+TEST_F(WriteFilter, CountOfATerminalThatTakesBytesAsTheyAreNeverBlocks) {
+    const Pair pair = terminalPair();
+    struct termios mode = {};
+    ASSERT_EQ(tcgetattr(pair.ours, &mode), 0);
+    cfmakeraw(&mode);
+    ASSERT_EQ(tcsetattr(pair.ours, TCSANOW, &mode), 0);
+    fillUp(pair.ours);
+    add(pair.ours, EVFILT_WRITE);
+    writeAsCounted(pair, 'x', 100, 2'000);
+}
+
+class LimitedUnsent : public WriteFilter, public testing::WithParamInterface<int> {};
+
+INSTANTIATE_TEST_SUITE_P(FromOneByteUp, LimitedUnsent, testing::Values(1, 2, 4096, 65'536));
+
+TEST_P(LimitedUnsent, IsHeededByTheRoomOfATcpSocket) {
+    const Pair pair = tcpPair();
+    const int limit = GetParam();
+    ASSERT_EQ(setsockopt(pair.ours, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &limit, sizeof limit), 0);
+    add(pair.ours, EVFILT_WRITE);
+    EXPECT_GT(waitForOne().data, 0);
+    writeAsCounted(pair, 'x', 1'000, 2'000);
 }
 
 }  // namespace

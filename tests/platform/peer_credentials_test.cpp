@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "tests/platform/kernel_queue.h"
+#include "tests/support/captured_run.h"
 
 namespace {
 
@@ -24,6 +25,18 @@ TEST(PeerCredentials, OfNoSocketFailAndTouchNothing) {
     EXPECT_EQ(peer.uid, 1U);
     EXPECT_EQ(peer.gid, 2U);
     EXPECT_EQ(peer.pid, 3);
+}
+
+TEST(PeerCredentials, TellTheUserFromTheGroup) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can take on a group that differs from its user";
+    const Outcome outcome = runInChild([] {
+        if (setegid(12'345) != 0) _exit(1);
+        const Pair pair = unixPair();
+        PeerCredentials peer = {};
+        if (!peerCredentials(pair.ours, peer)) _exit(2);
+        if (peer.uid != geteuid() || peer.gid != 12'345) _exit(3);
+    });
+    EXPECT_EQ(outcome.status, 0);
 }
 
 }  // namespace

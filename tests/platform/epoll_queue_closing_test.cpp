@@ -1,0 +1,34 @@
+#include <unistd.h>
+
+#include "tests/platform/epoll_calls.h"
+#include "tests/platform/kernel_queue.h"
+
+namespace {
+
+using Closing = KernelQueueTest;
+
+// The stray of a duplicate is shaken off by making a new epoll instance, which takes a descriptor.
+TEST_F(Closing, DuplicateThatLivesReachesNobodyWithoutADescriptorToSpare) {
+    Pair gone = unixPair();
+    Pair kept = unixPair();
+    int tag = 0;
+    add(gone.ours, EVFILT_READ);
+    add(kept.ours, EVFILT_READ, &tag);
+    const Descriptor duplicate(dup(gone.ours));
+    gone.ours.reset();
+    send(gone.peer, "x");
+    failingQueueCreations = 3;
+    for (int i = 0; i < 10 && failingQueueCreations > 1; ++i)
+        EXPECT_TRUE(look().empty());
+    ASSERT_EQ(failingQueueCreations, 1);
+    send(kept.peer, "abc");
+    const struct kevent record = waitForOne();
+    EXPECT_EQ(record.udata, &tag);
+    EXPECT_EQ(record.data, 3);
+    EXPECT_EQ(failingQueueCreations, 0);
+    EXPECT_EQ(waitForOne().udata, &tag);
+    EXPECT_EQ(receive(kept.ours, 3), "abc");
+    EXPECT_TRUE(wait(8, 20).empty());
+}
+
+}  // namespace
