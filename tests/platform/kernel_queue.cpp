@@ -62,10 +62,8 @@ Pair pipePair() {
 
 Pair terminalPair() {
     Descriptor master(posix_openpt(O_RDWR | O_NOCTTY));
-    EXPECT_EQ(grantpt(master), 0);
-    EXPECT_EQ(unlockpt(master), 0);
+    if (master == -1 || grantpt(master) != 0 || unlockpt(master) != 0) return {};
     Descriptor terminal(open(ptsname(master), O_RDWR | O_NOCTTY));
-    EXPECT_NE(terminal, -1);
     return {std::move(terminal), std::move(master)};
 }
 

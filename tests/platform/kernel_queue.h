@@ -38,10 +38,13 @@ struct Pair {
 
 Pair unixPair();
 Pair tcpPair();
-Pair pipePair();      // ours reads, peer writes
-Pair terminalPair();  // ours is the terminal, peer plays the person at it
+Pair pipePair();  // ours reads, peer writes
 Descriptor tcpListener(uint16_t& port);
 Descriptor connectTo(uint16_t port, bool blocking = true);
+
+// ours is the terminal, peer plays the person at it. Both are -1 where there are none to be had.
+Pair terminalPair();
+inline constexpr const char* kNoTerminals = "left out: no pseudo-terminal can be had here";
 
 void send(int fd, const std::string& bytes);
 std::string receive(int fd, size_t size);
