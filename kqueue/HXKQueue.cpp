@@ -300,11 +300,21 @@ void HXKQueue::dispatch(const IOThreadState& io, int count) {
 }
 
 void HXKQueue::releaseStoppedUnlocked() {
+    if (stopList.empty()) return;
     while (!stopList.empty()) {
         const auto stopped = stopList.extract(stopList.begin());
         removeTimer(stopped.value());
         stopped.value()->stop();
     }
+    dropAdditionsOfStoppedUnlocked();
+}
+
+// A stop may have closed a descriptor whose arming is still queued. By the time the kernel sees
+// that, the number may mean somebody else's descriptor, and nobody would ever remove the filter.
+void HXKQueue::dropAdditionsOfStoppedUnlocked() {
+    std::erase_if(changeList, [this](const struct kevent& change) {
+        return (change.flags & EV_DELETE) == 0 && !activeList.contains(keyOf(change.udata));
+    });
 }
 
 void HXKQueue::removeTimer(const std::shared_ptr<HXKQueueEventProtocol>& object) {

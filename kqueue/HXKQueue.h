@@ -109,7 +109,8 @@ public:
     void addActiveObject(const std::shared_ptr<HXKQueueEventProtocol>& object);
 
     // For sources: queues a copy of the change for the I/O thread's next wait. Only removals are
-    // taken from a source that is not registered. `lock` may be held.
+    // taken from a source that is not registered, or that is stopped before that wait. `lock` may
+    // be held.
     void submitChange(const struct kevent* change);
 
     // For factories: the debug line of a new Internet endpoint.
@@ -124,6 +125,7 @@ private:
     bool prepareIteration(IOThreadState& io);
     static void dispatch(const IOThreadState& io, int count);
     void releaseStoppedUnlocked();
+    void dropAdditionsOfStoppedUnlocked();
     void removeTimer(const std::shared_ptr<HXKQueueEventProtocol>& object);
 
     int32_t kq = -1;

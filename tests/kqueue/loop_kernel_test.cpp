@@ -127,6 +127,28 @@ TEST_F(LoopAndKernel, OfAStoppedSourceOnlyRemovalsAreTaken) {
     EXPECT_EQ(kernel.changes(), (std::vector<ScriptedKernel::Change>{{2, EVFILT_READ, EV_DELETE}}));
 }
 
+// Its descriptor may be closed, and the number somebody else's, when the kernel sees the change.
+TEST_F(LoopAndKernel, WhatASourceHadQueuedBeforeItsStopIsTakenNoMoreThanWhatComesAfter) {
+    const auto source = makeSource();
+    const auto other = makeSource();
+    kernel.settle();
+    kernel.duringNextCall([&] {
+        for (uint64_t ident = 1; ident <= 3; ++ident) {
+            const bool isOthers = ident == 2;
+            const struct kevent change = recordFor(isOthers ? other.get() : source.get(), ident,
+                                                   ident == 3 ? EV_DELETE : EV_ADD | EV_ENABLE);
+            loop->submitChange(&change);
+        }
+        loop->stopObject(source);
+    });
+    kernel.settle();
+    kernel.settle();
+    EXPECT_EQ(source->stops, 1);
+    EXPECT_EQ(kernel.changes(),
+              (std::vector<ScriptedKernel::Change>{{2, EVFILT_READ, EV_ADD | EV_ENABLE},
+                                                   {3, EVFILT_READ, EV_DELETE}}));
+}
+
 TEST_F(LoopAndKernel, FailingCallLosesItsChangesAndTheLoopGoesOn) {
     const auto source = makeSource();
     kernel.settle();
