@@ -18,8 +18,10 @@
 // Ownership  the loop keeps a source from its factory until its stop has run; sources keep the
 //            loop weakly. The I/O thread keeps the loop while it runs. stop closes `kq`; merely
 //            dropping the loop does not.
-// Errors     a result: no object, or false. Each is logged once, at error level, to the handle of
-//            the subsystem with the category "kqueue". Nothing throws.
+// Errors     initWithSubsystem and the factories: null, and a line on the log, at error level, of
+//            the subsystem's handle with the category "kqueue". What has no result only logs. A
+//            failing wait, and a change for a source that is not registered, are dropped without
+//            a word. Nothing throws.
 #pragma once
 
 #include <sys/event.h>
@@ -95,8 +97,9 @@ public:
     void startObject(const std::shared_ptr<HXKQueueEventProtocol>& object,
                      HXKQueueEventBlock onEvent);
 
-    // Queues a copy of the bytes. True, whatever becomes of them: an owner learns of failure by
-    // HXKQueueEventTerminated. After startObject.
+    // Queues a copy of the bytes. True, whatever becomes of them: an owner learns of a failure to
+    // send by HXKQueueEventTerminated; bytes that there is no memory to queue are only logged.
+    // After startObject.
     bool write(const std::shared_ptr<HXKQueueEventProtocol>& object, const char* buffer,
                uint64_t size);
 
@@ -105,7 +108,8 @@ public:
     // not registered, or was asked for before.
     void stopObject(const std::shared_ptr<HXKQueueEventProtocol>& object);
 
-    // For factories: makes object one of the loop's sources.
+    // For factories: makes object one of the loop's sources. Without memory for that, object stays
+    // what it is, and no change of its is taken.
     void addActiveObject(const std::shared_ptr<HXKQueueEventProtocol>& object);
 
     // For sources: queues a copy of the change for the I/O thread's next wait. Only removals are

@@ -45,6 +45,9 @@ enum : int32_t {
 // result     listening servers: true keeps the accepted connection, false has it closed. Ignored
 //            by all others.
 //
+// What a block holds goes when the source is stopped, with the loop's lock held: a destructor that
+// runs then must not wait for a lock that is held elsewhere around calls of the loop.
+//
 // Runs on the I/O thread, HXKQueueEventConnected also on the thread that enables the source. No
 // lock of the library is held, so it may call every operation of the loop except stop. It must
 // not throw.

@@ -86,7 +86,8 @@ std::shared_ptr<const LogHandle> logCreate(const char* subsystem, const char* ca
         return std::make_shared<const LogHandle>(subsystem, category);
     } catch (const std::bad_alloc&) {
         // Empty names fit the strings' own storage, so this needs no memory either.
-        static const LogHandle nameless("", "");
+        alignas(LogHandle) static std::byte storage[sizeof(LogHandle)];
+        static const LogHandle& nameless = *new (storage) LogHandle("", "");
         return {std::shared_ptr<const LogHandle>(), &nameless};
     }
 }

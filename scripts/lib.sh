@@ -70,6 +70,7 @@ missing_for_linting() {
     missing_for_testing
     has clang-format-14 || echo clang-format-14
     has clang-tidy-14 || echo clang-tidy-14
+    has shellcheck || echo shellcheck
 }
 
 # What apt-get calls a missing thing. Debian 12's default Boost is too old.

@@ -1,7 +1,7 @@
 // One client of the simulated daemon: cuts what it sends into requests and answers them in order.
 //
 // A frame that is too long, or whose payload is no JSON object, ends the connection; a length of 0
-// is for lists only. So does a lack of memory. Replies that were not sent by then are lost.
+// is for lists only. So does a lack of memory to read one. Replies not sent by then are lost.
 //
 // Threads    the loop's I/O thread, which also is the only one to touch the inventory.
 // Ownership  the source's event block owns the connection, and the source's stop drops the block.

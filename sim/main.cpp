@@ -1,5 +1,7 @@
 // hxusbvd-sim: the simulated daemon as a program.
 
+#include <sys/resource.h>
+
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -33,6 +35,14 @@ sigset_t blockEndingSignals() {
     return signals;
 }
 
+// Each client takes a descriptor.
+void allowManyClients() {
+    struct rlimit limit {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 void waitForAny(const sigset_t& signals) {
     int received = 0;
     while (sigwait(&signals, &received) != 0) {
@@ -46,6 +56,7 @@ int serve(const Options& options) {
                                              : builtInInventory();
     if (!inventory) return fail(error, kFailed);
     const sigset_t signals = blockEndingSignals();
+    allowManyClients();
     const std::unique_ptr<Daemon> daemon =
         Daemon::start(options.socketPath, std::move(*inventory), error);
     if (!daemon) return fail(error, kFailed);
