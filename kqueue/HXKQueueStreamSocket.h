@@ -19,11 +19,9 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
-#include <vector>
 
 #include "kqueue/HXKQueueEvent.h"
-#include "kqueue/event_block_slot.h"
+#include "kqueue/byte_stream.h"
 #include "platform/log.h"
 
 class HXKQueue;
@@ -54,6 +52,17 @@ public:
     // Removes both filters, or, with closeOnStop, shuts the socket down and closes it.
     void stop() override;
 
+    // The bytes that were queued and that the kernel has not taken yet. A stop loses them. Any
+    // thread.
+    [[nodiscard]] uint64_t pendingBytes() const;
+
+    // Until resumeReading nothing more is read: the peer's bytes, and its end, wait in the kernel.
+    // From the source's own block only, with any code but HXKQueueEventConnected.
+    void pauseReading();
+
+    // Takes effect within 5 ms. Nothing happens once the source is asked to stop. Any thread.
+    void resumeReading();
+
 protected:
     // Starts to connect sock, which is left in blocking mode. True when connected or connecting.
     // On false the descriptor stays open; stop closes it.
@@ -64,20 +73,14 @@ protected:
 private:
     void initReadEvent(struct kevent* event, uint16_t flags);
     void initWriteEvent(struct kevent* event, uint16_t flags);
-    void submit(const struct kevent& change);
+    void submitReadEvent(uint16_t flags);
+    void submitWriteEvent(uint16_t flags);
 
     void finishConnecting(const struct kevent* record);
     void sendQueued(const struct kevent* record);
-    void removeWriteFilterOnceDrained();
-    void receive(const struct kevent* record);
-    void callEvent(int32_t code);
 
-    std::weak_ptr<HXKQueue> parent;
     std::shared_ptr<const LogHandle> logger;
     const bool closeOnStop;
-    std::vector<char> rx;           // I/O thread only
     std::atomic<bool> isConnected;  // written before enableOnData, then by the I/O thread only
-    std::recursive_mutex txlock;    // taken before the loop's lock
-    std::vector<char> tx;           // guarded by txlock
-    hxkqueue::EventBlockSlot eventBlock;
+    hxkqueue::ByteStream stream;
 };

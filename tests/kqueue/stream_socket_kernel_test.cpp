@@ -185,6 +185,32 @@ TEST_F(StreamSocketAndKernel, ReadsNoMoreThanTheCountAndKeepsZerosForWhatIsMissi
     EXPECT_EQ(events.last().bytes, std::string("cdef\0\0", 6));
 }
 
+TEST_F(StreamSocketAndKernel, PausedOneRemovesItsReadFilterAndResumingAddsIt) {
+    loop->startObject(stream.source, events.block([this](const RecordedEvent& event, auto*) {
+        if (event.code == HXKQueueEventData) stream.source->pauseReading();
+        return true;
+    }));
+    ASSERT_EQ(::write(stream.peer, "x", 1), 1);
+    kernel.settle();
+    kernel.reset();
+    report(EVFILT_READ, 1);
+    EXPECT_EQ(kernel.changes(), std::vector<Change>{change(EVFILT_READ, EV_DELETE)});
+    stream.source->resumeReading();
+    kernel.settle();
+    EXPECT_EQ(kernel.changes().back(), change(EVFILT_READ, kArm));
+}
+
+TEST_F(StreamSocketAndKernel, TellsHowManyBytesTheKernelHasNotTakenYet) {
+    start();
+    EXPECT_EQ(stream.source->pendingBytes(), 0U);
+    loop->write(stream.source, "0123456789", 10);
+    EXPECT_EQ(stream.source->pendingBytes(), 10U);
+    report(EVFILT_WRITE, 4);
+    EXPECT_EQ(stream.source->pendingBytes(), 6U);
+    report(EVFILT_WRITE, 100);
+    EXPECT_EQ(stream.source->pendingBytes(), 0U);
+}
+
 TEST_F(StreamSocketAndKernel, IgnoresRecordsOfOtherFilters) {
     start();
     report(EVFILT_TIMER, 1);

@@ -63,6 +63,22 @@ TEST_F(StreamSocket, BlockThatLeavesTheDropCountAloneConsumesEverything) {
     EXPECT_EQ(events.last().bytes, "cd");
 }
 
+TEST_F(StreamSocket, PausedOneLeavesItsBytesInTheKernelUntilItResumes) {
+    loop->startObject(stream.source, events.block([this](const RecordedEvent& event, auto*) {
+        if (event.code == HXKQueueEventData) stream.source->pauseReading();
+        return true;
+    }));
+    send("a");
+    ASSERT_TRUE(events.waitFor(HXKQueueEventData, 1));
+    send("b");
+    settle();
+    settle();
+    EXPECT_EQ(events.count(HXKQueueEventData), 1U);
+    stream.source->resumeReading();
+    ASSERT_TRUE(events.waitFor(HXKQueueEventData, 2));
+    EXPECT_EQ(events.last().bytes, "b");
+}
+
 TEST_F(StreamSocket, BytesTheBlockKeepsComeAgainBeforeTheNewOnes) {
     loop->startObject(stream.source, events.dropping(0));
     send("ab");
