@@ -4,15 +4,19 @@
 #include <netinet/in.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cassert>
 #include <new>
+#include <optional>
 #include <utility>
 
+#include "kqueue/HXKQueueBipipeClient.h"
 #include "kqueue/HXKQueueStreamSocket.h"
 #include "kqueue/HXKQueueTCPClient.h"
 #include "kqueue/HXKQueueTCPServer.h"
+#include "kqueue/HXKQueueTimer.h"
 #include "kqueue/HXKQueueUnixClient.h"
 #include "kqueue/HXKQueueUnixServer.h"
+#include "kqueue/timer_index.h"
 #include "platform/thread.h"
 
 namespace {
@@ -72,8 +76,13 @@ bool HXKQueue::initialise(const char* subsystem) {
     const bool made =
         make("cannot initialize timer lock",
              [this] { timersLock = std::make_unique<std::recursive_mutex>(); }) &&
-        make("cannot initialize timer id dict", [this] { timerIdents.reserve(1); }) &&
-        make("cannot initialize timer obj dict", [this] { timerObjects.reserve(1); }) &&
+        make("cannot initialize timer id dict",
+             [this] { timerIdents = std::make_unique<std::list<int32_t>>(); }) &&
+        make("cannot initialize timer obj dict",
+             [this] {
+                 timerObjects = std::make_unique<std::list<std::shared_ptr<HXKQueueTimer>>>();
+                 timerIndex = std::make_unique<hxkqueue::TimerIndex>();
+             }) &&
         make("cannot initialize lock",
              [this] { lock = std::make_unique<std::recursive_mutex>(); }) &&
         make("cannot initialize change list", [this] { changeList.reserve(kChangeCapacity); }) &&
@@ -182,6 +191,33 @@ std::shared_ptr<HXKQueueUnixServer> HXKQueue::createUnixServer(const char* path,
     addActiveObject(server);
     logger->debug("<%p>: unix server(%s) created", static_cast<void*>(server.get()), path);
     return server;
+}
+
+std::shared_ptr<HXKQueueBipipeClient> HXKQueue::createBipipeClient(const int descriptors[2],
+                                                                   bool closeOnStop) {
+    const int in = descriptors[0];
+    const int out = descriptors[1];
+    auto bipipe =
+        HXKQueueBipipeClient::initWithIndesc(in, out, closeOnStop, weak_from_this(), logger);
+    if (!bipipe) {
+        logger->error("cannot initialize bipipe object");
+        return nullptr;
+    }
+    addActiveObject(bipipe);
+    logger->debug("<%p>: bipipe(%d,%d) created", static_cast<void*>(bipipe.get()), in, out);
+    return bipipe;
+}
+
+std::shared_ptr<HXKQueueTimer> HXKQueue::createTimer(uint64_t ms, bool oneShot) {
+    int32_t ident = 0;
+    auto timer = addTimer(ms, &ident, oneShot);
+    if (!timer) {
+        logger->error("cannot initialize timer object");
+        return nullptr;
+    }
+    addActiveObject(timer);
+    logger->debug("<%p>: timer #%d created", static_cast<void*>(timer.get()), ident);
+    return timer;
 }
 
 void HXKQueue::startObject(const std::shared_ptr<HXKQueueEventProtocol>& object,
@@ -317,10 +353,37 @@ void HXKQueue::dropAdditionsOfStoppedUnlocked() {
     });
 }
 
+// What can fail comes first, on lists of one; to put them at the end of the registry's cannot.
+std::shared_ptr<HXKQueueTimer> HXKQueue::addTimer(uint64_t ms, int32_t* ident, bool oneShot) {
+    const std::lock_guard guard(*timersLock);
+    const std::optional<int32_t> lowest = timerIndex->lowestFreeIdent();
+    if (!lowest) return nullptr;
+    assert(!isHereTimerIdent(*lowest));
+    std::list<int32_t> number;
+    if (!attempt(*logger, "cannot allocate number for timer", [&] { number.push_back(*lowest); }))
+        return nullptr;
+    std::list<std::shared_ptr<HXKQueueTimer>> timer;
+    const bool made = attempt(*logger, "cannot allocate timer", [&] {
+        timer.push_back(HXKQueueTimer::initWithIdent(*lowest, static_cast<int32_t>(ms), oneShot,
+                                                     weak_from_this(), logger));
+        if (!timer.front()) throw std::bad_alloc();
+        timerIndex->enter({.ident = number.begin(), .object = timer.begin()});
+    });
+    if (!made) return nullptr;
+    timerIdents->splice(timerIdents->end(), number);
+    timerObjects->splice(timerObjects->end(), timer);
+    *ident = *lowest;
+    return timerObjects->back();
+}
+
 void HXKQueue::removeTimer(const std::shared_ptr<HXKQueueEventProtocol>& object) {
     const std::lock_guard guard(*timersLock);
-    const auto timer = std::find(timerObjects.begin(), timerObjects.end(), object);
-    if (timer == timerObjects.end()) return;
-    timerIdents.erase(timerIdents.begin() + (timer - timerObjects.begin()));
-    timerObjects.erase(timer);
+    const auto place = timerIndex->leave(object.get());
+    if (!place) return;
+    timerObjects->erase(place->object);
+    timerIdents->erase(place->ident);
+}
+
+bool HXKQueue::isHereTimerIdent(int32_t ident) const {
+    return timerIndex->isTaken(ident);
 }

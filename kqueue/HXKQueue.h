@@ -28,6 +28,7 @@
 #include <sys/socket.h>
 
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
@@ -37,12 +38,17 @@
 #include "kqueue/HXKQueueEvent.h"
 #include "platform/log.h"
 
+class HXKQueueBipipeClient;
 class HXKQueueStreamSocket;
 class HXKQueueTCPClient;
 class HXKQueueTCPServer;
+class HXKQueueTimer;
 class HXKQueueUnixClient;
 class HXKQueueUnixServer;
 class ThreadObject;
+namespace hxkqueue {
+class TimerIndex;
+}
 
 class HXKQueue final : public std::enable_shared_from_this<HXKQueue> {
     struct Private {
@@ -93,6 +99,16 @@ public:
     [[nodiscard]] std::shared_ptr<HXKQueueUnixServer> createUnixServer(const char* path,
                                                                        uint16_t perm);
 
+    // A stream that reads from descriptors[0] and writes to descriptors[1], in the order in which
+    // pipe(2) fills its array. With closeOnStop the source owns both and closes them when it is
+    // stopped; without, they stay the caller's.
+    [[nodiscard]] std::shared_ptr<HXKQueueBipipeClient> createBipipeClient(const int descriptors[2],
+                                                                           bool closeOnStop);
+
+    // Fires every ms milliseconds, or once, from startObject on. Of ms the low 32 bits count, as
+    // a signed number: 2^31 and more mean a negative period, which is treated as 0.
+    [[nodiscard]] std::shared_ptr<HXKQueueTimer> createTimer(uint64_t ms, bool oneShot);
+
     // Hands the source its owner's block and arms it.
     void startObject(const std::shared_ptr<HXKQueueEventProtocol>& object,
                      HXKQueueEventBlock onEvent);
@@ -130,7 +146,12 @@ private:
     static void dispatch(const IOThreadState& io, int count);
     void releaseStoppedUnlocked();
     void dropAdditionsOfStoppedUnlocked();
+
+    // The timer registry. An identifier names a timer to the kernel, so no two of the loop's have
+    // the same; one that is freed is handed out again. On null, ident is untouched.
+    std::shared_ptr<HXKQueueTimer> addTimer(uint64_t ms, int32_t* ident, bool oneShot);
     void removeTimer(const std::shared_ptr<HXKQueueEventProtocol>& object);
+    [[nodiscard]] bool isHereTimerIdent(int32_t ident) const;  // the caller holds timersLock
 
     int32_t kq = -1;
     std::shared_ptr<const LogHandle> logger;
@@ -145,7 +166,9 @@ private:
 
     std::unique_ptr<ThreadObject> ioThread;
 
+    // Entry i of one list belongs to entry i of the other.
     std::unique_ptr<std::recursive_mutex> timersLock;
-    std::vector<int32_t> timerIdents;                                  // guarded by timersLock
-    std::vector<std::shared_ptr<HXKQueueEventProtocol>> timerObjects;  // guarded by timersLock
+    std::unique_ptr<std::list<int32_t>> timerIdents;                          // guarded by it
+    std::unique_ptr<std::list<std::shared_ptr<HXKQueueTimer>>> timerObjects;  // guarded by it
+    std::unique_ptr<hxkqueue::TimerIndex> timerIndex;                         // guarded by it
 };

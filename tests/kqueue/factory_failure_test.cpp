@@ -3,10 +3,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <optional>
 
+#include "kqueue/HXKQueueBipipeClient.h"
 #include "kqueue/HXKQueueStreamSocket.h"
 #include "kqueue/HXKQueueTCPClient.h"
 #include "kqueue/HXKQueueTCPServer.h"
@@ -127,6 +129,22 @@ TEST_F(FactoryFailure, ServersThatCannotListenFailAndTheUnixOneLeavesItsFile) {
 TEST_F(FactoryFailure, StreamSocketFailsWithEachOfItsAllocations) {
     failEachAllocation("cannot initialize stream socket object",
                        [this] { return loop->createStreamSocket(listener, false); });
+}
+
+TEST_F(FactoryFailure, BipipeClientFailsWithEachOfItsAllocations) {
+    const std::array<int, 2> ends = {listener, listener};
+    failEachAllocation("cannot initialize bipipe object",
+                       [&] { return loop->createBipipeClient(ends.data(), false); });
+}
+
+TEST_F(FactoryFailure, BipipeThatOwnsOneNumberForBothEndsClosesItTwice) {
+    const int sock = dup(listener);
+    const std::array<int, 2> ends = {sock, sock};
+    const auto source = loop->createBipipeClient(ends.data(), true);
+    failingCalls.watched = sock;
+    source->stop();
+    EXPECT_EQ(failingCalls.closesOfWatched, 2);
+    failingCalls.watched = -1;
 }
 
 TEST_F(FactoryFailure, UnixClientFailsWithEachOfItsAllocations) {

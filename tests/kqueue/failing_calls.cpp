@@ -26,18 +26,25 @@ bool fails(std::atomic<int>& error) {
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" {
 
+int __real_close(int fd);
 int __real_fcntl(int fd, int command, ...);
 int __real_socket(int domain, int type, int protocol);
 int __real_epoll_create1(int flags);
 int __real_listen(int sock, int backlog);
 int __real_accept(int sock, struct sockaddr* address, socklen_t* length);
 int __real_getsockopt(int sock, int level, int name, void* value, socklen_t* length);
+int __wrap_close(int fd);
 int __wrap_fcntl(int fd, int command, ...);
 int __wrap_socket(int domain, int type, int protocol);
 int __wrap_epoll_create1(int flags);
 int __wrap_listen(int sock, int backlog);
 int __wrap_accept(int sock, struct sockaddr* address, socklen_t* length);
 int __wrap_getsockopt(int sock, int level, int name, void* value, socklen_t* length);
+
+int __wrap_close(int fd) {
+    if (fd == failingCalls.watched) ++failingCalls.closesOfWatched;
+    return __real_close(fd);
+}
 
 int __wrap_fcntl(int fd, int command, ...) {
     va_list arguments;

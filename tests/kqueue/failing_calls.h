@@ -1,4 +1,4 @@
-// System calls of this executable that fail on demand. The process has one set.
+// System calls of this executable that fail on demand, or are counted. The process has one set.
 #pragma once
 
 #include <atomic>
@@ -13,6 +13,10 @@ struct FailingCalls {
     std::atomic<int> peerCredentials{0};  // getsockopt, SO_PEERCRED
     std::atomic<int> createQueue{0};      // epoll_create1
     std::atomic<int> createThread{0};     // pthread_create
+
+    // The closes of one descriptor number.
+    std::atomic<int> watched{-1};
+    std::atomic<int> closesOfWatched{0};
 };
 
 extern FailingCalls failingCalls;

@@ -62,7 +62,15 @@ void ScriptedKernel::settle() {
 
 std::vector<ScriptedKernel::Change> ScriptedKernel::changes() const {
     const std::lock_guard guard(lock);
-    return submitted;
+    std::vector<Change> all;
+    for (const struct kevent& change : submitted)
+        all.push_back({change.ident, change.filter, change.flags});
+    return all;
+}
+
+struct kevent ScriptedKernel::lastChange() const {
+    const std::lock_guard guard(lock);
+    return submitted.back();
 }
 
 size_t ScriptedKernel::failedCalls() const {
@@ -100,8 +108,7 @@ int ScriptedKernel::call(const struct kevent* changes, int changeCount, struct k
         errno = EINTR;
         return -1;
     }
-    for (int i = 0; i < changeCount; ++i)
-        submitted.push_back({changes[i].ident, changes[i].filter, changes[i].flags});
+    submitted.insert(submitted.end(), changes, changes + changeCount);
     changed.wait_for(guard, std::chrono::nanoseconds(timeout->tv_nsec),
                      [&] { return !pending.empty(); });
     const size_t count = std::min(pending.size(), static_cast<size_t>(room));

@@ -45,6 +45,7 @@ public:
     void settle();
 
     [[nodiscard]] std::vector<Change> changes() const;
+    [[nodiscard]] struct kevent lastChange() const;
     [[nodiscard]] size_t failedCalls() const;
 
     // What the last call that has begun was given.
@@ -58,7 +59,7 @@ public:
 private:
     mutable std::mutex lock;
     std::condition_variable changed;
-    std::vector<Change> submitted;
+    std::vector<struct kevent> submitted;
     std::vector<struct kevent> pending;
     std::function<void()> beforeRemoval;
     std::function<void()> duringCall;

@@ -1,0 +1,102 @@
+#include "kqueue/timer_index.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <numeric>
+#include <random>
+#include <vector>
+
+namespace {
+
+using hxkqueue::TimerIndex;
+
+// A registry around the index, without a loop.
+class TimerRegistry : public testing::Test {
+protected:
+    std::shared_ptr<HXKQueueTimer> add() {
+        const std::optional<int32_t> ident = index.lowestFreeIdent();
+        const auto timer = HXKQueueTimer::initWithIdent(*ident, 1, false, {}, nullptr);
+        idents.push_back(*ident);
+        objects.push_back(timer);
+        index.enter({.ident = std::prev(idents.end()), .object = std::prev(objects.end())});
+        return timer;
+    }
+
+    bool remove(const std::shared_ptr<HXKQueueTimer>& timer) {
+        const auto place = index.leave(timer.get());
+        if (!place) return false;
+        objects.erase(place->object);
+        idents.erase(place->ident);
+        return true;
+    }
+
+    std::list<int32_t> idents;
+    std::list<std::shared_ptr<HXKQueueTimer>> objects;
+    TimerIndex index;
+};
+
+TEST_F(TimerRegistry, StartsAtZeroAndGoesUp) {
+    EXPECT_EQ(index.lowestFreeIdent(), 0);
+    add();
+    EXPECT_EQ(index.lowestFreeIdent(), 1);
+    add();
+    EXPECT_EQ(index.lowestFreeIdent(), 2);
+}
+
+TEST_F(TimerRegistry, TheLowestOfSeveralFreedIdentsComesFirst) {
+    std::vector<std::shared_ptr<HXKQueueTimer>> timers;
+    for (int i = 0; i < 5; ++i)
+        timers.push_back(add());
+    remove(timers[3]);
+    remove(timers[1]);
+    EXPECT_EQ(index.lowestFreeIdent(), 1);
+    add();
+    EXPECT_EQ(index.lowestFreeIdent(), 3);
+    add();
+    EXPECT_EQ(index.lowestFreeIdent(), 5);
+    EXPECT_EQ(idents, (std::list<int32_t>{0, 2, 4, 1, 3}));  // in the order of allocation
+}
+
+TEST_F(TimerRegistry, KnowsWhichIdentsAreTaken) {
+    const auto first = add();
+    add();
+    remove(first);
+    EXPECT_FALSE(index.isTaken(0));
+    EXPECT_TRUE(index.isTaken(1));
+    EXPECT_FALSE(index.isTaken(2));
+    EXPECT_FALSE(index.isTaken(-1));
+}
+
+TEST_F(TimerRegistry, TimerLeavesOnceAndByIdentityNotByIdent) {
+    const auto timer = add();
+    const auto sameIdent = HXKQueueTimer::initWithIdent(0, 1, false, {}, nullptr);
+    EXPECT_FALSE(remove(sameIdent));
+    EXPECT_TRUE(remove(timer));
+    EXPECT_FALSE(remove(timer));
+    EXPECT_FALSE(index.leave(nullptr));
+}
+
+// Against the plainest of registries, which walks.
+TEST_F(TimerRegistry, AgreesWithAWalkAlongTheListsWhateverComesAndGoes) {
+    std::mt19937 random(1);
+    for (int step = 0; step < 20'000; ++step) {
+        if (objects.empty() || random() % 100 < 55) {
+            int32_t expected = 0;
+            std::vector<int32_t> sorted(idents.begin(), idents.end());
+            std::sort(sorted.begin(), sorted.end());
+            while (static_cast<size_t>(expected) < sorted.size() &&
+                   sorted[static_cast<size_t>(expected)] == expected)
+                ++expected;
+            ASSERT_EQ(index.lowestFreeIdent(), expected);
+            add();
+            if (objects.size() > 200) remove(objects.front());
+        } else {
+            ASSERT_TRUE(
+                remove(*std::next(objects.begin(), static_cast<int>(random() % objects.size()))));
+        }
+        ASSERT_EQ(idents.size(), objects.size());
+    }
+}
+
+}  // namespace
