@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <ctime>
+#include <limits>
 #include <numeric>
 #include <random>
 #include <vector>
@@ -12,8 +14,8 @@ namespace {
 using hxkqueue::TimerIndex;
 
 // A registry around the index, without a loop.
-class TimerRegistry : public testing::Test {
-protected:
+class Registry {
+public:
     std::shared_ptr<HXKQueueTimer> add() {
         const std::optional<int32_t> ident = index.lowestFreeIdent();
         const auto timer = HXKQueueTimer::initWithIdent(*ident, 1, false, {}, nullptr);
@@ -35,6 +37,8 @@ protected:
     std::list<std::shared_ptr<HXKQueueTimer>> objects;
     TimerIndex index;
 };
+
+class TimerRegistry : public testing::Test, protected Registry {};
 
 TEST_F(TimerRegistry, StartsAtZeroAndGoesUp) {
     EXPECT_EQ(index.lowestFreeIdent(), 0);
@@ -97,6 +101,41 @@ TEST_F(TimerRegistry, AgreesWithAWalkAlongTheListsWhateverComesAndGoes) {
         }
         ASSERT_EQ(idents.size(), objects.size());
     }
+}
+
+// Microseconds of this thread's processor time.
+int64_t processorTime() {
+    struct timespec time;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return time.tv_sec * 1'000'000 + time.tv_nsec / 1000;
+}
+
+// Creates count timers, then takes each out, in random order, and puts a new one in. The time for
+// one of them, the best of several rounds.
+double bestTimeForOneOf(size_t count) {
+    double best = std::numeric_limits<double>::max();
+    for (unsigned round = 0; round < 5; ++round) {
+        Registry registry;
+        std::vector<std::shared_ptr<HXKQueueTimer>> timers(count);
+        std::mt19937 random(round);
+        const int64_t start = processorTime();
+        for (auto& timer : timers)
+            timer = registry.add();
+        std::shuffle(timers.begin(), timers.end(), random);
+        for (auto& timer : timers) {
+            registry.remove(timer);
+            timer = registry.add();
+        }
+        best = std::min(best,
+                        static_cast<double>(processorTime() - start) / static_cast<double>(count));
+    }
+    return best;
+}
+
+// With walks, a timer among twenty times as many would cost twenty times as much, or more. The
+// caches make it about twice.
+TEST(TimerRegistryCost, OfATimerDoesNotGrowWithTheirNumber) {
+    EXPECT_LT(bestTimeForOneOf(100'000), 8 * bestTimeForOneOf(5'000));
 }
 
 }  // namespace
