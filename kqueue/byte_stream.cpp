@@ -12,12 +12,6 @@ namespace hxkqueue {
 
 namespace {
 
-// Removes count bytes, or all if there are fewer; the rest moves down.
-void removeFront(std::vector<char>& buffer, uint64_t count) {
-    const uint64_t removed = std::min<uint64_t>(count, buffer.size());
-    buffer.erase(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(removed));
-}
-
 // The kernel's counts are signed.
 size_t atLeastZero(int64_t count) {
     return count > 0 ? static_cast<size_t>(count) : 0;
@@ -52,7 +46,7 @@ void ByteStream::report(int32_t code) const {
 void ByteStream::callEvent(int32_t code) {
     uint64_t drop = rx.size();
     eventBlock.call(source.shared_from_this(), rx.data(), rx.size(), &drop, code);
-    removeFront(rx, drop);
+    rx.removeFront(drop);
 }
 
 void ByteStream::submit(const struct kevent& change) const {
@@ -66,7 +60,7 @@ void ByteStream::queue(const char* bytes, uint64_t size, const struct kevent& ar
     if (size == 0) return;
     const std::lock_guard guard(txlock);
     try {
-        tx.insert(tx.end(), bytes, bytes + size);
+        tx.append(bytes, size);
     } catch (const std::exception&) {  // bad_alloc, or length_error for an absurd size
         logger->error("<%p>: cannot queue bytes", static_cast<void*>(&source));
         return;
@@ -81,7 +75,7 @@ void ByteStream::send(int fd, int64_t room, const struct kevent& removal, ZeroBy
         const size_t size = std::min(tx.size(), atLeastZero(room));
         if (size > 0 || zeroBytes == ZeroBytes::AreWritten) {
             const ssize_t written = ::write(fd, tx.data(), size);
-            if (written > 0) removeFront(tx, static_cast<uint64_t>(written));
+            if (written > 0) tx.removeFront(static_cast<uint64_t>(written));
             failed = written <= 0;
         }
         if (tx.empty()) submit(removal);
@@ -92,21 +86,21 @@ void ByteStream::send(int fd, int64_t room, const struct kevent& removal, ZeroBy
 // rx is not trimmed to what read returned: the kernel's count is exact, and a shorter read would
 // leave zeros that the owner can see, rather than bytes that are silently missing.
 void ByteStream::receive(int fd, int64_t count) {
-    const size_t before = rx.size();
     const size_t size = atLeastZero(count);
-    ssize_t received = -1;
+    char* space = nullptr;
     try {
-        rx.resize(before + size);
-        received = ::read(fd, rx.data() + before, size);
+        space = rx.appendZeros(size);
     } catch (const std::exception&) {
         logger->error("<%p>: cannot receive bytes", static_cast<void*>(&source));
-    }
-    if (received <= 0) {
-        rx.resize(before);
         callEvent(HXKQueueEventTerminated);
         return;
     }
-    callEvent(HXKQueueEventData);
+    if (::read(fd, space, size) > 0) {
+        callEvent(HXKQueueEventData);
+    } else {
+        rx.removeBack(size);
+        callEvent(HXKQueueEventTerminated);
+    }
 }
 
 uint64_t ByteStream::pendingBytes() const {

@@ -15,9 +15,9 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include "kqueue/HXKQueueEvent.h"
+#include "kqueue/byte_queue.h"
 #include "kqueue/event_block_slot.h"
 #include "platform/log.h"
 
@@ -66,9 +66,9 @@ private:
     HXKQueueEventProtocol& source;
     const std::weak_ptr<HXKQueue> parent;
     const std::shared_ptr<const LogHandle> logger;
-    std::vector<char> rx;                 // I/O thread only
+    ByteQueue rx;                         // I/O thread only
     mutable std::recursive_mutex txlock;  // taken before the loop's lock
-    std::vector<char> tx;                 // guarded by txlock
+    ByteQueue tx;                         // guarded by txlock
     EventBlockSlot eventBlock;
 };
 

@@ -193,33 +193,31 @@ TEST_F(Timer, LeftToTheLoopsOwnStopIsStoppedAndStaysInTheRegistryUntilTheLoopGoe
 
 // Many at once, coming and going: each fires for its own owner only.
 TEST_F(Timer, ThousandsKeepApartWhileTheyComeAndGo) {
-    std::vector<std::shared_ptr<HXKQueueTimer>> timers;
-    std::vector<std::unique_ptr<std::atomic<size_t>>> firings;
+    constexpr size_t kTimers = 2000;
+    std::vector<std::shared_ptr<HXKQueueTimer>> timers(kTimers);
+    std::vector<std::atomic<size_t>> firings(kTimers);
     std::atomic<size_t> strangers{0};
     const auto start = [&](size_t i) {
         timers[i] = loop->createTimer(1 + i % 20, false);
         loop->startObject(timers[i], [&firings, &strangers, i, own = timers[i].get()](
                                          const auto& source, auto&&...) {
             if (source.get() != own) ++strangers;
-            ++*firings[i];
+            ++firings[i];
             return true;
         });
     };
-    for (size_t i = 0; i < 2000; ++i) {
-        timers.push_back(nullptr);
-        firings.push_back(std::make_unique<std::atomic<size_t>>(0));
+    for (size_t i = 0; i < kTimers; ++i)
         start(i);
-    }
     std::mt19937 random(1);
-    for (int round = 0; round < 2000; ++round) {
-        const size_t i = random() % timers.size();
+    for (size_t round = 0; round < kTimers; ++round) {
+        const size_t i = random() % kTimers;
         loop->stopObject(timers[i]);
         start(i);
     }
     for (auto& count : firings)
-        *count = 0;
-    for (size_t i = 0; i < timers.size(); ++i)
-        while (*firings[i] == 0)
+        count = 0;
+    for (auto& count : firings)
+        while (count == 0)
             std::this_thread::yield();
     EXPECT_EQ(strangers, 0U);
     stopLoop();

@@ -1,0 +1,65 @@
+#include "kqueue/byte_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+namespace {
+
+using hxkqueue::ByteQueue;
+
+std::string contentOf(const ByteQueue& queue) {
+    return {queue.data(), queue.size()};
+}
+
+TEST(ByteQueue, HoldsWhatWasAppendedLessWhatWasTakenFromEitherEnd) {
+    ByteQueue queue;
+    EXPECT_TRUE(queue.empty());
+    queue.append("abcdef", 6);
+    queue.removeFront(2);
+    EXPECT_EQ(contentOf(queue), "cdef");
+    queue.removeBack(1);
+    EXPECT_EQ(contentOf(queue), "cde");
+    queue.append("gh", 2);
+    EXPECT_EQ(contentOf(queue), "cdegh");
+    EXPECT_FALSE(queue.empty());
+}
+
+TEST(ByteQueue, RemovingMoreThanThereIsRemovesAll) {
+    ByteQueue queue;
+    queue.append("abc", 3);
+    queue.removeFront(1);
+    queue.removeFront(UINT64_MAX);
+    EXPECT_TRUE(queue.empty());
+    queue.append("x", 1);
+    EXPECT_EQ(contentOf(queue), "x");
+}
+
+TEST(ByteQueue, AppendedZerosAreZerosWhateverWasThereBefore) {
+    ByteQueue queue;
+    queue.append("abcdef", 6);
+    queue.removeFront(4);
+    queue.removeBack(1);
+    char* space = queue.appendZeros(3);
+    EXPECT_EQ(contentOf(queue), std::string("e\0\0\0", 4));
+    *space = 'x';
+    EXPECT_EQ(contentOf(queue), std::string("ex\0\0", 4));
+}
+
+TEST(ByteQueue, AgreesWithAStringWhateverIsDoneToIt) {
+    ByteQueue queue;
+    std::string model;
+    std::mt19937 random(1);
+    for (int step = 0; step < 20'000; ++step) {
+        const std::string added(random() % 40, static_cast<char>('a' + step % 26));
+        queue.append(added.data(), added.size());
+        model += added;
+        const size_t front = random() % 45;
+        queue.removeFront(front);
+        model.erase(0, front);
+        ASSERT_EQ(contentOf(queue), model);
+    }
+}
+
+}  // namespace
