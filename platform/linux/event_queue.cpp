@@ -80,17 +80,20 @@ int EventQueue::exchange(std::span<const struct kevent> changes, std::span<struc
         return -1;
     }
     size_t failures = 0;
+    int firstError = 0;
     for (const struct kevent& change : changes) {
         const int error = apply(change);
         if (error == 0) continue;
-        if (failures == room.size()) {
-            errno = error;
-            return -1;
-        }
+        if (firstError == 0) firstError = error;
+        if (failures == room.size()) continue;
         struct kevent& record = room[failures++];
         record = change;
         record.flags |= EV_ERROR;
         record.data = error;
+    }
+    if (room.empty() && firstError != 0) {
+        errno = firstError;
+        return -1;
     }
     if (failures > 0 || room.empty()) return static_cast<int>(failures);
     return collect(room, timeout);

@@ -9,6 +9,7 @@
 #include <climits>
 #include <csignal>
 #include <ctime>
+#include <span>
 #include <thread>
 
 #include "tests/platform/kernel_queue.h"
@@ -65,6 +66,51 @@ TEST_F(Changes, FailureWithoutRoomFailsTheCall) {
     const struct kevent change = makeChange(pair.ours, EVFILT_READ, EV_DELETE);
     EXPECT_EQ(kevent(queue, &change, 1, nullptr, 0, nullptr), -1);
     EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(Changes, FailureWithoutRoomFailsTheCallWithTheFirstErrorAfterAllAreApplied) {
+    Pair pair = unixPair();
+    send(pair.peer, "x");
+    const Records changes = {makeChange(pair.ours, EVFILT_READ, EV_DELETE),
+                             makeChange(pair.ours, EVFILT_READ, EV_ADD),
+                             makeChange(pair.ours, EVFILT_WRITE, EV_ADD | EV_ERROR)};
+    EXPECT_EQ(kevent(queue, changes.data(), 3, nullptr, 0, nullptr), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(waitForOne().filter, EVFILT_READ);
+}
+
+TEST_F(Changes, AfterFailuresThatFillTheRoomAreAppliedAndFailWithoutARecord) {
+    const Pair pair = unixPair();
+    const Pair other = unixPair();
+    Records changes(1001, makeChange(pair.ours, EVFILT_READ, EV_DELETE));
+    changes.push_back(makeChange(pair.ours, EVFILT_WRITE, EV_ADD));
+    changes.push_back(makeChange(pair.ours, EVFILT_READ, EV_DELETE));
+    changes.push_back(makeChange(other.ours, EVFILT_WRITE, EV_ADD));
+    Records records(1000);
+    ASSERT_EQ(kevent(queue, changes.data(), static_cast<int>(changes.size()), records.data(), 1000,
+                     nullptr),
+              1000);
+    for (const struct kevent& record : records) {
+        ASSERT_EQ(record.flags, EV_DELETE | EV_ERROR);
+        ASSERT_EQ(record.data, ENOENT);
+    }
+    EXPECT_EQ(wait().size(), 2U);
+}
+
+TEST_F(Changes, ShareAnArrayWithTheRecordsOfTheirFailures) {
+    Pair pair = unixPair();
+    send(pair.peer, "x");
+    Records both = {makeChange(pair.ours, EVFILT_WRITE, EV_DELETE),
+                    makeChange(pair.ours, EVFILT_READ, EV_ADD),
+                    makeChange(pair.ours, EVFILT_WRITE, EV_DELETE),
+                    makeChange(pair.ours, EVFILT_READ, EV_DELETE),
+                    makeChange(pair.ours, EVFILT_WRITE, EV_ADD)};
+    ASSERT_EQ(kevent(queue, both.data(), 5, both.data(), 5, nullptr), 2);
+    for (const struct kevent& record : std::span(both).first(2)) {
+        EXPECT_EQ(record.filter, EVFILT_WRITE);
+        EXPECT_EQ(record.flags, EV_DELETE | EV_ERROR);
+    }
+    EXPECT_EQ(waitForOne().filter, EVFILT_WRITE);
 }
 
 TEST_F(Changes, AreAppliedInOrder) {

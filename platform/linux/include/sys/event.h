@@ -65,12 +65,13 @@ struct kevent {
 // A new queue's descriptor, close-on-exec, or -1 with errno.
 int kqueue(void);
 
-// Applies the changes in order, then collects up to nevents records, waiting for the first as long
-// as timeout says (null: without end). A change that fails becomes a record with its own flags,
-// EV_ERROR and the error number in `data`; with such a record there is no wait. Without room for
-// it the call fails with that error, the changes after it unapplied. Returns the number of
-// records; 0 when the time is up; -1 with errno (EINTR: a signal handler ran, the changes are
-// applied).
+// Applies all the changes, in order, then collects up to nevents records, waiting for the first as
+// long as timeout says (null: without end). A change that fails becomes a record with its own
+// flags, EV_ERROR and the error number in `data`; with such a record there is no wait. The changes
+// after it are applied all the same. Failures beyond nevents have no record; with nevents 0 the
+// call fails with the first one's error. changelist and eventlist may be the same array. Returns
+// the number of records; 0 when the time is up; -1 with errno (EINTR: a signal handler ran, the
+// changes are applied).
 int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent* eventlist,
            int nevents, const struct timespec* timeout);
 
