@@ -3,10 +3,10 @@
 #include <unistd.h>
 
 #include <array>
-#include <ctime>
 
 #include "tests/platform/epoll_calls.h"
 #include "tests/platform/kernel_queue.h"
+#include "tests/platform/processor_time.h"
 #include "tests/support/failing_allocations.h"
 
 namespace {
@@ -26,13 +26,6 @@ protected:
         struct kevent change;
         EV_SET(&change, fd, EVFILT_WRITE, flags, 0, 0, nullptr);
         return change;
-    }
-
-    // The processor time of this thread, in nanoseconds.
-    static int64_t processorTime() {
-        struct timespec time;
-        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-        return time.tv_sec * 1'000'000'000 + time.tv_nsec;
     }
 
     // Whether a wait for nothing sleeps rather than asking again and again.

@@ -8,6 +8,19 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
+
+int64_t now() {
+    struct timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec * 1'000 * kMillisecond + time.tv_nsec;
+}
+
+void pass(int milliseconds) {
+    const struct timespec pause = {.tv_sec = milliseconds / 1'000,
+                                   .tv_nsec = milliseconds % 1'000 * kMillisecond};
+    nanosleep(&pause, nullptr);
+}
 
 void Descriptor::reset() {
     if (fd != -1) close(std::exchange(fd, -1));

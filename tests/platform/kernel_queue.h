@@ -12,6 +12,14 @@
 
 using Records = std::vector<struct kevent>;
 
+inline constexpr int64_t kMillisecond = 1'000'000;  // nanoseconds
+
+// The clock that timers and timeouts follow, in nanoseconds.
+int64_t now();
+
+// Lets so many milliseconds pass with nobody waiting on a queue.
+void pass(int milliseconds);
+
 // Closes what it holds when it goes.
 class Descriptor {
 public:
@@ -60,6 +68,9 @@ protected:
 
     // One change on its own; the error number, 0 for none.
     int change(uint64_t ident, int filter, int flags, int64_t data = 0, void* udata = nullptr);
+    int setTimer(uint64_t ident, int64_t period, int flags = EV_ADD) {
+        return change(ident, EVFILT_TIMER, flags, period);
+    }
     void add(int fd, int filter, void* udata = nullptr);
     void remove(int fd, int filter);
 

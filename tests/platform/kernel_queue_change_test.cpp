@@ -24,12 +24,6 @@ struct kevent makeChange(int fd, int filter, int flags, void* udata = nullptr) {
     return change;
 }
 
-int64_t now() {
-    struct timespec time;
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return time.tv_sec * 1'000'000'000 + time.tv_nsec;
-}
-
 static_assert(sizeof(struct kevent) == 32);
 
 TEST(EventRecord, NegativeIdentIsSignExtended) {
@@ -100,11 +94,10 @@ TEST_F(Changes, AfterFailuresThatFillTheRoomAreAppliedAndFailWithoutARecord) {
 TEST_F(Changes, ShareAnArrayWithTheRecordsOfTheirFailures) {
     Pair pair = unixPair();
     send(pair.peer, "x");
-    Records both = {makeChange(pair.ours, EVFILT_WRITE, EV_DELETE),
-                    makeChange(pair.ours, EVFILT_READ, EV_ADD),
-                    makeChange(pair.ours, EVFILT_WRITE, EV_DELETE),
-                    makeChange(pair.ours, EVFILT_READ, EV_DELETE),
-                    makeChange(pair.ours, EVFILT_WRITE, EV_ADD)};
+    Records both = {
+        makeChange(pair.ours, EVFILT_WRITE, EV_DELETE), makeChange(pair.ours, EVFILT_READ, EV_ADD),
+        makeChange(pair.ours, EVFILT_WRITE, EV_DELETE),
+        makeChange(pair.ours, EVFILT_READ, EV_DELETE), makeChange(pair.ours, EVFILT_WRITE, EV_ADD)};
     ASSERT_EQ(kevent(queue, both.data(), 5, both.data(), 5, nullptr), 2);
     for (const struct kevent& record : std::span(both).first(2)) {
         EXPECT_EQ(record.filter, EVFILT_WRITE);

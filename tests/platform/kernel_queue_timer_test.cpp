@@ -1,19 +1,13 @@
+#include <array>
 #include <cerrno>
-#include <ctime>
+#include <set>
+#include <utility>
 
 #include "tests/platform/kernel_queue.h"
 
 namespace {
 
 using TimerFilter = KernelQueueTest;
-
-constexpr int64_t kMillisecond = 1'000'000;
-
-int64_t now() {
-    struct timespec time;
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return time.tv_sec * 1'000 * kMillisecond + time.tv_nsec;
-}
 
 TEST_F(TimerFilter, FiresAgainAndAgainNeverEarly) {
     int tag = 0;
@@ -33,8 +27,7 @@ TEST_F(TimerFilter, FiresAgainAndAgainNeverEarly) {
 TEST_F(TimerFilter, CountsTheExpirationsThatNobodyFetchedWithoutDrift) {
     ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD, 2), 0);
     const int64_t start = now();
-    const struct timespec pause = {.tv_sec = 0, .tv_nsec = 25 * kMillisecond};
-    nanosleep(&pause, nullptr);
+    pass(25);
     const int64_t first = waitForOne().data;
     EXPECT_GE(first, 12);
     int64_t total = first;
@@ -51,8 +44,7 @@ TEST_F(TimerFilter, CountsTheExpirationsThatNobodyFetchedWithoutDrift) {
 
 TEST_F(TimerFilter, OneShotFiresOnceAndIsGone) {
     ASSERT_EQ(change(5, EVFILT_TIMER, EV_ADD | EV_ONESHOT, 1), 0);
-    const struct timespec pause = {.tv_sec = 0, .tv_nsec = 5 * kMillisecond};
-    nanosleep(&pause, nullptr);  // late deliveries count once too
+    pass(5);  // late deliveries count once too
     EXPECT_EQ(waitForOne().data, 1);
     EXPECT_TRUE(wait(8, 10).empty());
     EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), ENOENT);
@@ -143,6 +135,117 @@ TEST_F(TimerFilter, AddedAgainTakesItsNewUserDataAndRepeatsWhereItWasOneShot) {
         EXPECT_EQ(record.udata, &second);
         EXPECT_EQ(record.flags & EV_ONESHOT, 0);
     }
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), 0);
+}
+
+TEST_F(TimerFilter, AddedAgainStartsAfreshAlsoWithTheSamePeriod) {
+    ASSERT_EQ(setTimer(5, 30), 0);
+    pass(20);
+    const int64_t start = now();
+    ASSERT_EQ(setTimer(5, 30), 0);
+    EXPECT_GE(waitForOne().data, 1);
+    EXPECT_GE(now() - start, 30 * kMillisecond);
+}
+
+TEST_F(TimerFilter, AddedAgainWhileDueForgetsThatItWas) {
+    ASSERT_EQ(setTimer(5, 1), 0);
+    ASSERT_EQ(setTimer(6, 1, EV_ADD | EV_ONESHOT), 0);
+    pass(3);
+    ASSERT_EQ(setTimer(5, 3'600'000), 0);
+    ASSERT_EQ(setTimer(6, 3'600'000), 0);
+    EXPECT_TRUE(wait(8, 10).empty());
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), 0);
+    EXPECT_EQ(change(6, EVFILT_TIMER, EV_DELETE), 0);
+}
+
+TEST_F(TimerFilter, AddedAgainAfterItsDeliveryCountsFromThere) {
+    for (const int64_t period : {1, 7}) {
+        ASSERT_EQ(setTimer(5, 3), 0);
+        EXPECT_GE(waitForOne().data, 1);
+        pass(10);
+        const int64_t start = now();
+        ASSERT_EQ(setTimer(5, period), 0);
+        int64_t expirations = 0;
+        while (expirations < 4) {
+            expirations += waitForOne().data;
+            EXPECT_LE(expirations, (now() - start) / (period * kMillisecond));
+        }
+    }
+}
+
+TEST_F(TimerFilter, AddedAgainAsOneShotFiresOnceWhereItRepeated) {
+    ASSERT_EQ(setTimer(5, 1), 0);
+    EXPECT_GE(waitForOne().data, 1);
+    ASSERT_EQ(setTimer(5, 1, EV_ADD | EV_ONESHOT), 0);
+    pass(3);
+    const struct kevent record = waitForOne();
+    EXPECT_EQ(record.data, 1);
+    EXPECT_EQ(record.flags, EV_ONESHOT);
+    EXPECT_TRUE(wait(8, 10).empty());
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), ENOENT);
+}
+
+TEST_F(TimerFilter, OneShotThatHasFiredCanBeAddedAgain) {
+    for (const int flags : {EV_ADD | EV_ONESHOT, EV_ADD | EV_ONESHOT, EV_ADD}) {
+        const int64_t start = now();
+        ASSERT_EQ(setTimer(5, 2, flags), 0);
+        EXPECT_GE(waitForOne().data, 1);
+        EXPECT_GE(now() - start, 2 * kMillisecond);
+    }
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), 0);
+}
+
+TEST_F(TimerFilter, RemovedWhileDueIsSilent) {
+    for (const int flags : {EV_ADD, EV_ADD | EV_ONESHOT})
+        for (const int64_t period : {0, 1}) {
+            ASSERT_EQ(setTimer(5, period, flags), 0);
+            pass(2);
+            struct kevent removal;
+            EV_SET(&removal, 5, EVFILT_TIMER, EV_DELETE, 0, 0, nullptr);
+            struct kevent record;
+            const struct timespec atOnce = {};
+            EXPECT_EQ(kevent(queue, &removal, 1, &record, 1, &atOnce), 0);
+            EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), ENOENT);
+        }
+}
+
+TEST_F(TimerFilter, OfOneIdentInTwoQueuesAreTwoTimers) {
+    Descriptor other(kqueue());
+    ASSERT_EQ(setTimer(5, 3'600'000), 0);
+    std::swap(queue, other);
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), ENOENT);
+    ASSERT_EQ(setTimer(5, 1, EV_ADD | EV_ONESHOT), 0);
+    EXPECT_EQ(waitForOne().data, 1);
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), ENOENT);
+    std::swap(queue, other);
+    EXPECT_TRUE(wait(8, 5).empty());
+    EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), 0);
+}
+
+TEST_F(TimerFilter, IdentMayBeAnyNumber) {
+    const std::array<uint64_t, 5> idents = {0, static_cast<uint64_t>(INT64_MAX), uint64_t{1} << 63,
+                                            UINT64_MAX - 1, UINT64_MAX};
+    for (const uint64_t ident : idents)
+        ASSERT_EQ(setTimer(ident, 1, EV_ADD | EV_ONESHOT), 0);
+    std::set<uint64_t> fired;
+    while (fired.size() < idents.size())
+        for (const struct kevent& record : wait())
+            EXPECT_TRUE(fired.insert(record.ident).second);
+    EXPECT_EQ(fired, std::set<uint64_t>(idents.begin(), idents.end()));
+
+    struct kevent negative;
+    EV_SET(&negative, -1, EVFILT_TIMER, EV_ADD, 0, 3'600'000, nullptr);
+    ASSERT_EQ(kevent(queue, &negative, 1, nullptr, 0, nullptr), 0);
+    EXPECT_EQ(change(UINT64_MAX, EVFILT_TIMER, EV_DELETE), 0);
+}
+
+TEST_F(TimerFilter, LongestPeriodIsTheOneThatEndsWithTheClock) {
+    const auto left = [] { return (INT64_MAX - now()) / kMillisecond; };
+    EXPECT_EQ(setTimer(5, left() + 1), ERANGE);
+    ASSERT_EQ(setTimer(5, left() - kPatience), 0);
+    EXPECT_TRUE(wait(8, 5).empty());
+    ASSERT_EQ(setTimer(6, 1), 0);
+    EXPECT_EQ(waitForOne().ident, 6U);
     EXPECT_EQ(change(5, EVFILT_TIMER, EV_DELETE), 0);
 }
 

@@ -17,7 +17,7 @@
 //                 accepted and changes nothing) on a clock that does not jump. Delivers the
 //                 expirations since the last delivery as `data`. Adding again starts afresh with
 //                 the new period. A period of 0 or less fires once, at once, and stays registered.
-//                 ERANGE for a period beyond the clock.
+//                 ERANGE for a period beyond the clock. A timer takes no descriptor.
 //
 // Flags
 //   EV_ADD, EV_DELETE, EV_ENABLE, EV_ONESHOT; EV_EOF and EV_ERROR in what is returned.
