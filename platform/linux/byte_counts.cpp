@@ -81,6 +81,11 @@ int64_t fileRemainder(int fd) noexcept {
     return std::max<int64_t>(status.st_size - position, 0);
 }
 
+// One that has been hung up no longer answers, but with an error that no other device has.
+bool isTerminal(int fd) noexcept {
+    return isatty(fd) != 0 || errno == EIO;
+}
+
 DescriptorKind kindOfSocket(int fd) noexcept {
     int domain = 0;
     int type = 0;
@@ -102,7 +107,7 @@ DescriptorKind kindOf(int fd, const struct stat& status) noexcept {
         case S_IFREG:
             return DescriptorKind::RegularFile;
         case S_IFCHR:
-            return isatty(fd) != 0 ? DescriptorKind::Terminal : DescriptorKind::OtherDevice;
+            return isTerminal(fd) ? DescriptorKind::Terminal : DescriptorKind::OtherDevice;
         case S_IFDIR:
         case S_IFBLK:
             return DescriptorKind::Unsupported;
@@ -120,6 +125,18 @@ std::optional<int64_t> readableBytes(int fd, DescriptorKind kind) noexcept {
     // Of all sockets only a listening one has no such count.
     if (isSocket(kind) && errno == EINVAL) return 1;
     return std::nullopt;
+}
+
+int64_t peekedBytes(int fd, int& error) noexcept {
+    std::array<char, 4096> bytes;
+    const ssize_t count = recv(fd, bytes.data(), bytes.size(), MSG_PEEK | MSG_DONTWAIT);
+    if (count == -1 && errno != EAGAIN) error = errno;
+    return std::max<int64_t>(count, 0);
+}
+
+bool isReadable(int fd) noexcept {
+    struct pollfd state = {.fd = fd, .events = POLLIN, .revents = 0};
+    return poll(&state, 1, 0) == 1;
 }
 
 int64_t writableBytes(int fd, DescriptorKind kind) noexcept {

@@ -40,6 +40,14 @@ enum class DescriptorKind {
 // ready, and for OtherPollable. None when the descriptor cannot tell.
 [[nodiscard]] std::optional<int64_t> readableBytes(int fd, DescriptorKind kind) noexcept;
 
+// What read(2) would find now in a stream socket whose FIONREAD is no help, up to a few thousand.
+// error is what the kernel then says of the socket, and forgets; it is left alone if that is
+// nothing.
+[[nodiscard]] int64_t peekedBytes(int fd, int& error) noexcept;
+
+// Whether poll(2) finds the descriptor readable at this moment.
+[[nodiscard]] bool isReadable(int fd) noexcept;
+
 // What a blocking write(2) takes without blocking. REQUIRES: the descriptor polls writable. At
 // least 1 then.
 [[nodiscard]] int64_t writableBytes(int fd, DescriptorKind kind) noexcept;

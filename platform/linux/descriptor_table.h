@@ -45,6 +45,8 @@ struct Descriptor {
     uint32_t mask = 0;    // what epoll was asked for; 0: it does not know the descriptor
     bool dozing = false;  // edge-triggered until something is delivered
     int error = 0;        // the socket's, kept because asking for it makes the kernel forget it
+    bool hadOutOfBand =
+        false;  // a Unix socket's FIONREAD is wrong once a byte has come out of band
 
     Filter& filter(int16_t number) { return number == EVFILT_READ ? read : write; }
 };
@@ -58,6 +60,12 @@ struct Ticket {
 
 // What the number means now. False, with errno, when it is closed.
 [[nodiscard]] bool currentStatus(int fd, struct stat& status) noexcept;
+
+// The EPOLL bits, which are poll's too, that a read filter waits for.
+[[nodiscard]] constexpr uint32_t readEvents(DescriptorKind kind) {
+    const bool tellsMore = kind == DescriptorKind::UnixSocket || kind == DescriptorKind::Terminal;
+    return EPOLLIN | EPOLLRDHUP | (tellsMore ? EPOLLPRI : 0U);
+}
 
 class DescriptorTable {
 public:

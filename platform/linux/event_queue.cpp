@@ -249,7 +249,7 @@ void EventQueue::takeEpollEvent(const struct epoll_event& event) {
     const int fd = descriptor->fd;
     Filter& read = descriptor->read;
     Filter& write = descriptor->write;
-    if (read.present && (event.events & (EPOLLIN | EPOLLRDHUP | kEnded)) != 0)
+    if (read.present && (event.events & (readEvents(descriptor->kind) | kEnded)) != 0)
         enqueue(read, {.fd = fd, .filter = EVFILT_READ, .serial = read.serial}, event.events);
     if (write.present && !write.probed && (event.events & (EPOLLOUT | kEnded)) != 0)
         enqueue(write, {.fd = fd, .filter = EVFILT_WRITE, .serial = write.serial}, event.events);
@@ -271,17 +271,18 @@ void EventQueue::takeProbeAnswers() {
 
 // What did not fit into the last call's room may have been read or filled up since.
 void EventQueue::lookAgainAtLeftovers() {
+    std::erase_if(ready, [this](const Ticket& ticket) { return table.find(ticket) == nullptr; });
     if (ready.empty()) return;
     polled.clear();
     for (const Ticket& ticket : ready) {
-        const short wanted = ticket.filter == EVFILT_READ ? POLLIN | POLLRDHUP : POLLOUT;
-        polled.push_back({.fd = ticket.fd, .events = wanted, .revents = 0});
+        const uint32_t wanted =
+            ticket.filter == EVFILT_READ ? readEvents(table.find(ticket.fd)->kind) : POLLOUT;
+        polled.push_back({.fd = ticket.fd, .events = static_cast<short>(wanted), .revents = 0});
     }
     const bool answered = poll(polled.data(), polled.size(), 0) != -1;
     size_t kept = 0;
     for (size_t i = 0; i < ready.size(); ++i) {
         Filter* filter = table.find(ready[i]);
-        if (!filter) continue;
         filter->seen = answered ? static_cast<uint16_t>(polled[i].revents) : 0;
         filter->queued = filter->seen != 0;
         if (filter->queued) ready[kept++] = ready[i];
@@ -360,16 +361,33 @@ bool EventQueue::deliverOne(const Ticket& ticket, struct kevent& record) noexcep
     return isReady;
 }
 
+// A read passes over a byte that was sent out of band. TCP's FIONREAD stops at it, a Unix socket's
+// counts it, also after it has been passed over.
+int64_t EventQueue::countReadable(Descriptor& descriptor) noexcept {
+    const uint32_t seen = descriptor.read.seen;
+    const bool isUnix = descriptor.kind == DescriptorKind::UnixSocket;
+    if (isUnix && (seen & EPOLLPRI) != 0) descriptor.hadOutOfBand = true;
+    const int64_t bytes = readableBytes(descriptor.fd, descriptor.kind).value_or(0);
+    const bool isDoubtful = isUnix ? descriptor.hadOutOfBand
+                                   : descriptor.kind == DescriptorKind::TcpSocket && bytes == 0;
+    if (!isDoubtful || (seen & EPOLLIN) == 0) return bytes;
+    return peekedBytes(descriptor.fd, descriptor.error);
+}
+
 bool EventQueue::fillReadRecord(Descriptor& descriptor, struct kevent& record) noexcept {
     const uint32_t seen = descriptor.read.seen;
     const DescriptorKind kind = descriptor.kind;
     if (kind == DescriptorKind::TcpSocket && (seen & EPOLLHUP) != 0 &&
         isUnconnectedTcp(descriptor.fd))
         return false;
-    record.data = readableBytes(descriptor.fd, kind).value_or(0);
-    // A terminal that is readable without bytes has been given its end-of-file character.
-    const bool endOfFile =
-        kind == DescriptorKind::Terminal && (seen & EPOLLIN) != 0 && record.data == 0;
+    record.data = countReadable(descriptor);
+    bool endOfFile = false;
+    if (kind == DescriptorKind::Terminal && record.data == 0 && isReadable(descriptor.fd)) {
+        // In packet mode a master is readable for a byte that says what has happened. A terminal
+        // without bytes has been given its end-of-file character, unless they have just come.
+        record.data = (seen & EPOLLPRI) != 0 ? 1 : countReadable(descriptor);
+        endOfFile = record.data == 0;
+    }
     if ((seen & (EPOLLRDHUP | kEnded)) != 0 || endOfFile) markEnded(descriptor, seen, record);
     return record.data > 0 || (record.flags & EV_EOF) != 0;
 }

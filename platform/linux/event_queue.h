@@ -68,6 +68,7 @@ private:
     size_t deliverReady(std::span<struct kevent> room) noexcept;
     size_t deliverTimers(std::span<struct kevent> room) noexcept;
     bool deliverOne(const Ticket& ticket, struct kevent& record) noexcept;
+    static int64_t countReadable(Descriptor& descriptor) noexcept;
     static bool fillReadRecord(Descriptor& descriptor, struct kevent& record) noexcept;
     static bool fillWriteRecord(Descriptor& descriptor, struct kevent& record) noexcept;
     static void markEnded(Descriptor& descriptor, uint32_t seen, struct kevent& record) noexcept;

@@ -7,3 +7,10 @@ extern std::atomic<int> epollCtlCalls;
 
 // How many of the next calls of epoll_create1 fail, with EMFILE.
 extern std::atomic<int> failingQueueCreations;
+
+// While it is set, epoll takes no further descriptor, as when the user watches too many: ENOSPC.
+extern std::atomic<bool> isEpollFull;
+
+// When a count of readable bytes is asked for, those of this descriptor are taken away just before,
+// once; -1 for none.
+extern std::atomic<int> readAwayBeforeCount;

@@ -45,15 +45,18 @@ Descriptor tcpListener(uint16_t& port) {
     return listener;
 }
 
-Descriptor connectTo(uint16_t port, bool blocking) {
-    Descriptor client(socket(AF_INET, SOCK_STREAM, 0));
+int connectSocket(int fd, uint16_t port) {
     struct sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return connect(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address);
+}
+
+Descriptor connectTo(uint16_t port, bool blocking) {
+    Descriptor client(socket(AF_INET, SOCK_STREAM, 0));
     if (!blocking) fcntl(client, F_SETFL, O_NONBLOCK);
-    const int result =
-        connect(client, reinterpret_cast<struct sockaddr*>(&address), sizeof address);
+    const int result = connectSocket(client, port);
     EXPECT_TRUE(result == 0 || (!blocking && (errno == EINPROGRESS || errno == ECONNREFUSED)));
     fcntl(client, F_SETFL, 0);
     return client;

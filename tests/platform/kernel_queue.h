@@ -49,6 +49,7 @@ Pair tcpPair();
 Pair pipePair();  // ours reads, peer writes
 Descriptor tcpListener(uint16_t& port);
 Descriptor connectTo(uint16_t port, bool blocking = true);
+int connectSocket(int fd, uint16_t port);  // as connect(2), to this machine
 
 // ours is the terminal, peer plays the person at it. Both are -1 where there are none to be had.
 Pair terminalPair();

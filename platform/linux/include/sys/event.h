@@ -7,7 +7,10 @@
 //                 sockets, pipes, FIFOs, terminals, and regular files up to their end. At least 1
 //                 while connections wait on a listening socket. EV_EOF once the peer has closed
 //                 its sending side, also while bytes are left; `fflags` is then the socket's
-//                 pending error, if it has one.
+//                 pending error, if it has one. A byte sent out of band is not counted. A terminal
+//                 that edits lines counts all that are complete, though each read takes one; for
+//                 an end-of-file character with nothing before it, it is ready with EV_EOF and no
+//                 bytes until that is read.
 //   EVFILT_WRITE  Level-triggered. `data` is a number of bytes that a blocking write(2) takes
 //                 without blocking, often well below what it would take. EV_EOF when the peer can
 //                 take no more, or a pending connect has failed, with the error in `fflags`;
