@@ -116,18 +116,26 @@ int DescriptorTable::watch(Descriptor& descriptor) const noexcept {
     return 0;
 }
 
-void DescriptorTable::rebuild() noexcept {
+bool DescriptorTable::rebuild() noexcept {
     const int fresh = epoll_create1(EPOLL_CLOEXEC);
-    if (fresh == -1) return;
+    if (fresh == -1) return false;
+    const bool isComplete = watchAll(fresh) && dup3(fresh, epollFd, O_CLOEXEC) != -1;
+    close(fresh);
+    return isComplete;
+}
+
+// A descriptor that is closed at this very moment is not missed.
+bool DescriptorTable::watchAll(int fresh) noexcept {
     for (size_t fd = 0; fd < descriptors.size(); ++fd) {
         if (!descriptors[fd] || descriptors[fd]->mask == 0) continue;
         const Descriptor* descriptor = findUnchanged(static_cast<int>(fd));
         if (!descriptor) continue;
         struct epoll_event event = eventFor(*descriptor, descriptor->mask);
-        if (epoll_ctl(fresh, EPOLL_CTL_ADD, descriptor->fd, &event) != 0) forget(descriptor->fd);
+        if (epoll_ctl(fresh, EPOLL_CTL_ADD, descriptor->fd, &event) == 0) continue;
+        if (errno == ENOMEM || errno == ENOSPC) return false;
+        forget(descriptor->fd);
     }
-    dup3(fresh, epollFd, O_CLOEXEC);
-    close(fresh);
+    return true;
 }
 
 bool DescriptorTable::isKnownToEpoll(const Descriptor& descriptor) const noexcept {

@@ -94,11 +94,12 @@ public:
     // Has epoll watch for what the filters want now. 0, or the error number.
     int watch(Descriptor& descriptor) const noexcept;
 
-    // Rids the epoll instance of its strays. Without a descriptor to spare they stay: they cost
-    // time, but reach nobody.
-    void rebuild() noexcept;
+    // Rids the epoll instance of its strays. False when the kernel has no descriptor, no memory or
+    // no watches to spare: they stay then, and reach nobody.
+    [[nodiscard]] bool rebuild() noexcept;
 
 private:
+    [[nodiscard]] bool watchAll(int fresh) noexcept;
     [[nodiscard]] bool isKnownToEpoll(const Descriptor& descriptor) const noexcept;
 
     const int epollFd;

@@ -25,6 +25,9 @@ constexpr size_t kEventBatch = 1024;
 // Nothing tells when a regular file grows, so a wait that includes one looks this often.
 constexpr Nanoseconds kFileInterval = 50 * kPerMillisecond;
 
+// Keeps a wait that would find the same again and again from taking all the processor's time.
+constexpr Nanoseconds kPauseWhenRefused = kPerMillisecond;
+
 constexpr uint32_t kEnded = EPOLLHUP | EPOLLERR;
 
 struct timespec toTimespec(Nanoseconds time) {
@@ -55,6 +58,19 @@ int waitOnEpoll(int epollFd, std::span<struct epoll_event> events,
     const int64_t milliseconds = timeout ? (*timeout + kPerMillisecond - 1) / kPerMillisecond : -1;
     return epoll_wait(epollFd, events.data(), room,
                       static_cast<int>(std::min<int64_t>(milliseconds, INT_MAX)));
+}
+
+// poll(2) refuses more at once than the process may have open, and a descriptor may be here twice.
+bool pollNow(std::span<struct pollfd> descriptors) {
+    if (poll(descriptors.data(), descriptors.size(), 0) != -1) return true;
+    if (errno != EINVAL || descriptors.size() < 2) return false;
+    const size_t half = descriptors.size() / 2;
+    return pollNow(descriptors.first(half)) && pollNow(descriptors.subspan(half));
+}
+
+void pauseWhenRefused() {
+    const struct timespec pause = toTimespec(kPauseWhenRefused);
+    nanosleep(&pause, nullptr);
 }
 
 bool isValid(const struct timespec& time) {
@@ -186,14 +202,16 @@ int EventQueue::collect(std::span<struct kevent> room, const struct timespec* ti
     std::optional<Nanoseconds> end;
     if (timeout) end = TimerSet::now() + toNanoseconds(*timeout);
     try {
-        lookAgainAtLeftovers();
+        if (!lookAgainAtLeftovers()) return -1;
         for (;;) {
             lookAtFiles();
             if (!waitForReadiness(waitingTime(end))) return -1;
             const size_t count = deliver(room);
-            if (std::exchange(hasStrays, false)) table.rebuild();
+            if (std::exchange(hasStrays, false) && !table.rebuild()) isRefused = true;
+            const bool wasRefused = std::exchange(isRefused, false);
             if (count > 0) return static_cast<int>(count);
             if (end && TimerSet::now() >= *end) return 0;
+            if (wasRefused) pauseWhenRefused();
         }
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
@@ -225,16 +243,19 @@ bool EventQueue::waitWithProbes(std::optional<Nanoseconds> timeout) {
     for (const Ticket& probe : probes)
         polled.push_back({.fd = probe.fd, .events = POLLOUT, .revents = 0});
     struct timespec storage;
-    if (ppoll(polled.data(), polled.size(), orForever(timeout, storage), nullptr) == -1)
-        return false;
+    const int answers = ppoll(polled.data(), polled.size(), orForever(timeout, storage), nullptr);
+    // EINVAL: more than the process may have open by now. Without answers they all go to epoll.
+    if (answers == -1 && errno != EINVAL) return false;
     takeProbeAnswers();
+    if (answers == -1) return takeEpollEvents(ready.empty() ? timeout : 0);
     return polled.front().revents == 0 || takeEpollEvents(0);
 }
 
+// Room comes first: what a dozing descriptor reports is not reported again.
 bool EventQueue::takeEpollEvents(std::optional<Nanoseconds> timeout) {
+    ready.reserve(ready.size() + 2 * events.size());
     const int count = waitOnEpoll(epollFd, events, timeout);
     if (count == -1) return false;
-    ready.reserve(ready.size() + 2 * static_cast<size_t>(count));
     for (const struct epoll_event& event : std::span(events).first(static_cast<size_t>(count)))
         takeEpollEvent(event);
     return true;
@@ -270,24 +291,25 @@ void EventQueue::takeProbeAnswers() {
 }
 
 // What did not fit into the last call's room may have been read or filled up since.
-void EventQueue::lookAgainAtLeftovers() {
+bool EventQueue::lookAgainAtLeftovers() {
     std::erase_if(ready, [this](const Ticket& ticket) { return table.find(ticket) == nullptr; });
-    if (ready.empty()) return;
+    if (ready.empty()) return true;
     polled.clear();
     for (const Ticket& ticket : ready) {
         const uint32_t wanted =
             ticket.filter == EVFILT_READ ? readEvents(table.find(ticket.fd)->kind) : POLLOUT;
         polled.push_back({.fd = ticket.fd, .events = static_cast<short>(wanted), .revents = 0});
     }
-    const bool answered = poll(polled.data(), polled.size(), 0) != -1;
+    if (!pollNow(polled)) return false;
     size_t kept = 0;
     for (size_t i = 0; i < ready.size(); ++i) {
         Filter* filter = table.find(ready[i]);
-        filter->seen = answered ? static_cast<uint16_t>(polled[i].revents) : 0;
+        filter->seen = static_cast<uint16_t>(polled[i].revents);
         filter->queued = filter->seen != 0;
         if (filter->queued) ready[kept++] = ready[i];
     }
     ready.resize(kept);
+    return true;
 }
 
 // At its end a regular file is silent; a device such as /dev/null has ended.
@@ -354,9 +376,13 @@ bool EventQueue::deliverOne(const Ticket& ticket, struct kevent& record) noexcep
            filter->udata);
     const bool isReady = ticket.filter == EVFILT_READ ? fillReadRecord(*descriptor, record)
                                                       : fillWriteRecord(*descriptor, record);
-    if (!isReady) filter->probed = false;
+    const bool wasProbed = filter->probed;
+    filter->probed = wasProbed && isReady;
     descriptor->dozing = !isReady;
-    table.watch(*descriptor);
+    if (table.watch(*descriptor) != 0) {
+        filter->probed = wasProbed;
+        isRefused = true;
+    }
     if (isReady && filter->oneShot) removeFilter(*descriptor, *filter);
     return isReady;
 }

@@ -59,7 +59,7 @@ private:
     bool takeEpollEvents(std::optional<Nanoseconds> timeout);
     void takeEpollEvent(const struct epoll_event& event);
     void takeProbeAnswers();
-    void lookAgainAtLeftovers();
+    bool lookAgainAtLeftovers();
     void lookAtFiles();
     void enqueue(Filter& filter, const Ticket& ticket, uint32_t seen);
 
@@ -84,6 +84,7 @@ private:
     std::vector<struct pollfd> polled;
     uint64_t lastSerial = 0;
     bool hasStrays = false;
+    bool isRefused = false;  // by epoll, so that what ought to wait for an event comes back at once
     bool timersFirst = false;  // takes turns, so that neither timers nor descriptors starve
 };
 

@@ -1,9 +1,133 @@
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <set>
+
 #include "tests/platform/epoll_calls.h"
 #include "tests/platform/kernel_queue.h"
+#include "tests/platform/processor_time.h"
+#include "tests/support/failing_allocations.h"
 
 namespace {
 
 using Trouble = KernelQueueTest;
+
+// Few open files are allowed while it lives; those that are open stay so.
+class FewFiles {
+public:
+    explicit FewFiles(rlim_t count) {
+        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+        struct rlimit few = before;
+        few.rlim_cur = count;
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    }
+    FewFiles(const FewFiles&) = delete;
+    FewFiles& operator=(const FewFiles&) = delete;
+    ~FewFiles() { setrlimit(RLIMIT_NOFILE, &before); }
+
+private:
+    struct rlimit before = {};
+};
+
+// poll(2) takes no more at once than the process may have open.
+TEST_F(Trouble, EveryReadyDescriptorHasItsTurnAlsoWhenMoreAreLeftOverThanMayBeOpen) {
+    std::vector<Pair> pairs(100);
+    for (Pair& pair : pairs) {
+        pair = unixPair();
+        send(pair.peer, "x");
+        add(pair.ours, EVFILT_READ);
+        add(pair.ours, EVFILT_WRITE);
+    }
+    const FewFiles few(110);
+    std::set<std::pair<uint64_t, int>> seen;
+    for (size_t i = 0; i < 2 * pairs.size() / 10 + 1; ++i)
+        for (const struct kevent& record : wait(10))
+            seen.emplace(record.ident, record.filter);
+    EXPECT_EQ(seen.size(), 2 * pairs.size());
+}
+
+TEST_F(Trouble, WriteFiltersOfMoreDescriptorsThanMayBeOpenAreReadyAllTheSame) {
+    std::vector<Pair> pairs(100);
+    for (Pair& pair : pairs) {
+        pair = unixPair();
+        add(pair.ours, EVFILT_WRITE);
+    }
+    const FewFiles few(50);
+    EXPECT_EQ(wait(200).size(), pairs.size());
+}
+
+TEST_F(Trouble, DuplicateOfAClosedDescriptorDoesNotKeepTheWaitBusyWithoutADescriptorToSpare) {
+    Pair pair = unixPair();
+    add(pair.ours, EVFILT_READ);
+    const Descriptor duplicate(dup(pair.ours));
+    pair.ours.reset();
+    send(pair.peer, "x");
+    failingQueueCreations = INT32_MAX;
+    const int64_t before = processorTime();
+    EXPECT_TRUE(wait(8, 200).empty());
+    EXPECT_LT(processorTime() - before, 50 * kMillisecond);
+    failingQueueCreations = 0;
+}
+
+TEST_F(Trouble, FiltersOutliveStraysThatCannotBeShakenOffBecauseEpollIsFull) {
+    Pair gone = unixPair();
+    const Pair kept = unixPair();
+    add(gone.ours, EVFILT_READ);
+    add(kept.ours, EVFILT_READ);
+    const Descriptor duplicate(dup(gone.ours));
+    gone.ours.reset();
+    send(gone.peer, "x");
+    isEpollFull = true;
+    EXPECT_TRUE(wait(8, 10).empty());
+    isEpollFull = false;
+    send(kept.peer, "abc");
+    EXPECT_EQ(waitForOne().data, 3);
+}
+
+TEST_F(Trouble, WriteFilterOfAnUnconnectedSocketThatEpollWouldNotTakeWakesWithTheConnection) {
+    uint16_t port = 0;
+    const Descriptor listener = tcpListener(port);
+    const Descriptor client(socket(AF_INET, SOCK_STREAM, 0));
+    add(client, EVFILT_WRITE);
+    isEpollFull = true;
+    EXPECT_TRUE(wait(8, 10).empty());
+    isEpollFull = false;
+    ASSERT_EQ(connectSocket(client, port), 0);
+    EXPECT_EQ(waitForOne().filter, EVFILT_WRITE);
+}
+
+TEST_F(Trouble, WakeUpOutlivesACallThatRunsOutOfMemory) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends.data()), 0);
+    const Descriptor ours(ends[0]);
+    const Descriptor peer(ends[1]);
+    add(ours, EVFILT_READ);
+    ASSERT_EQ(::send(peer, "", 0, 0), 0);
+    EXPECT_TRUE(look().empty());
+    char nothing = 0;
+    ASSERT_EQ(recv(ours, &nothing, 1, 0), 0);
+    ASSERT_EQ(::send(peer, "abcd", 4, 0), 4);
+
+    std::vector<Pair> pairs(100);
+    for (Pair& pair : pairs) {
+        pair = unixPair();
+        send(pair.peer, "x");
+        add(pair.ours, EVFILT_READ);
+    }
+    Records records(200);
+    const struct timespec atOnce = {};
+    int count = 0;
+    {
+        const FailingAllocations all(1, FailingAllocations::Extent::FromThereOn);
+        count = kevent(queue, nullptr, 0, records.data(), 200, &atOnce);
+    }
+    if (count == -1) count = kevent(queue, nullptr, 0, records.data(), 200, &atOnce);
+    EXPECT_EQ(count, 101);
+}
 
 TEST_F(Trouble, LineThatAnotherReaderTakesFirstIsNoEndOfTheTerminal) {
     const Pair pair = terminalPair();
