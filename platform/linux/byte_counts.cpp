@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -107,6 +108,7 @@ DescriptorKind kindOf(int fd, const struct stat& status) noexcept {
         case S_IFREG:
             return DescriptorKind::RegularFile;
         case S_IFCHR:
+            if (status.st_rdev == makedev(1, 3)) return DescriptorKind::NullDevice;  // null(4)
             return isTerminal(fd) ? DescriptorKind::Terminal : DescriptorKind::OtherDevice;
         case S_IFDIR:
         case S_IFBLK:
@@ -118,8 +120,8 @@ DescriptorKind kindOf(int fd, const struct stat& status) noexcept {
 
 std::optional<int64_t> readableBytes(int fd, DescriptorKind kind) noexcept {
     if (kind == DescriptorKind::RegularFile) return fileRemainder(fd);
-    if (kind == DescriptorKind::OtherDevice) return 0;
-    if (kind == DescriptorKind::OtherPollable) return 1;
+    if (kind == DescriptorKind::NullDevice) return 0;
+    if (kind == DescriptorKind::OtherDevice || kind == DescriptorKind::OtherPollable) return 1;
     int bytes = 0;
     if (ioctl(fd, FIONREAD, &bytes) == 0) return bytes;
     // Of all sockets only a listening one has no such count.
@@ -153,6 +155,7 @@ int64_t writableBytes(int fd, DescriptorKind kind) noexcept {
             case DescriptorKind::Terminal:
                 return kTerminalRoom;
             case DescriptorKind::RegularFile:
+            case DescriptorKind::NullDevice:
             case DescriptorKind::OtherDevice:
                 return std::numeric_limits<int64_t>::max();
             default:

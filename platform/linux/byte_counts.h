@@ -19,7 +19,8 @@ enum class DescriptorKind {
     Pipe,  // FIFOs included
     Terminal,
     RegularFile,
-    OtherDevice,  // without readiness of its own, such as /dev/null
+    NullDevice,
+    OtherDevice,  // without readiness of its own, such as /dev/zero
     OtherPollable,
     Unsupported,
 };
@@ -33,11 +34,13 @@ enum class DescriptorKind {
 
 // epoll(7) refuses these with EPERM: they are ready whenever they have bytes or room.
 [[nodiscard]] constexpr bool isAlwaysReady(DescriptorKind kind) {
-    return kind == DescriptorKind::RegularFile || kind == DescriptorKind::OtherDevice;
+    return kind == DescriptorKind::RegularFile || kind == DescriptorKind::NullDevice ||
+           kind == DescriptorKind::OtherDevice;
 }
 
 // What read(2) would find now, exactly; 1 for a listening socket, which the caller knows to be
-// ready, and for OtherPollable. None when the descriptor cannot tell.
+// ready, and for the two other kinds of which no more is known. None when the descriptor cannot
+// tell.
 [[nodiscard]] std::optional<int64_t> readableBytes(int fd, DescriptorKind kind) noexcept;
 
 // What read(2) would find now in a stream socket whose FIONREAD is no help, up to a few thousand.

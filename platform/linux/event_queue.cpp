@@ -312,7 +312,7 @@ bool EventQueue::lookAgainAtLeftovers() {
     return true;
 }
 
-// At its end a regular file is silent; a device such as /dev/null has ended.
+// At its end a regular file is silent; the null device has ended.
 void EventQueue::lookAtFiles() {
     std::erase_if(files, [this](int fd) {
         const Descriptor* descriptor = table.findUnchanged(fd);
@@ -322,7 +322,7 @@ void EventQueue::lookAtFiles() {
         Descriptor& descriptor = *table.find(fd);
         Filter& read = descriptor.read;
         Filter& write = descriptor.write;
-        const bool ended = descriptor.kind == DescriptorKind::OtherDevice;
+        const bool ended = descriptor.kind == DescriptorKind::NullDevice;
         if (read.present && (ended || readableBytes(fd, descriptor.kind).value_or(0) > 0))
             enqueue(read, {.fd = fd, .filter = EVFILT_READ, .serial = read.serial},
                     ended ? EPOLLIN | EPOLLRDHUP : EPOLLIN);

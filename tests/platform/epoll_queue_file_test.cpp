@@ -16,12 +16,7 @@ namespace {
 
 class FileFilter : public KernelQueueTest {
 protected:
-    FileFilter() : path(testing::TempDir() + "file-XXXXXX"), file(mkstemp(path.data())) {
-        unlink(path.c_str());
-    }
-
-    std::string path;
-    Descriptor file;
+    Descriptor file = emptyFile();
 };
 
 TEST_F(FileFilter, CountsTheBytesFromThePositionToTheEnd) {
@@ -60,6 +55,59 @@ TEST_F(FileFilter, OfTheNullDeviceHasEndedAndTakesEverything) {
     EXPECT_GT(waitForOne().data, 1'000'000'000);
 }
 
+TEST_F(FileFilter, OfTheZeroDeviceNeverEndsAndTakesEverything) {
+    const Descriptor zero(open("/dev/zero", O_RDWR));
+    add(zero, EVFILT_READ);
+    add(zero, EVFILT_WRITE);
+    for (int i = 0; i < 2; ++i)
+        for (const struct kevent& record : wait()) {
+            EXPECT_EQ(record.flags & EV_EOF, 0);
+            EXPECT_GE(record.data, record.filter == EVFILT_READ ? 1 : 1'000'000'000);
+        }
+    EXPECT_EQ(look().size(), 2U);
+    remove(zero, EVFILT_READ);
+    remove(zero, EVFILT_WRITE);
+    EXPECT_TRUE(look().empty());
+}
+
+TEST_F(FileFilter, OfADeviceThatIsFullHasRoomAndTheWriteFails) {
+    const Descriptor full(open("/dev/full", O_RDWR));
+    add(full, EVFILT_WRITE);
+    const struct kevent record = waitForOne();
+    EXPECT_GT(record.data, 0);
+    EXPECT_EQ(record.flags & EV_EOF, 0);
+    EXPECT_EQ(write(full, "x", 1), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_GT(waitForOne().data, 0);
+}
+
+TEST_F(FileFilter, IsSilentBelowItsPositionAndWakesBeyondIt) {
+    send(file, "0123456789");
+    add(file, EVFILT_READ);
+    ASSERT_EQ(lseek(file, 4, SEEK_SET), 4);
+    EXPECT_EQ(waitForOne().data, 6);
+    ASSERT_EQ(ftruncate(file, 2), 0);
+    EXPECT_TRUE(wait(8, 10).empty());
+    ASSERT_EQ(ftruncate(file, 4), 0);
+    EXPECT_TRUE(wait(8, 10).empty());
+    ASSERT_EQ(ftruncate(file, 7), 0);
+    EXPECT_EQ(waitForOne().data, 3);
+    EXPECT_EQ(receive(file, 8).size(), 3U);
+    EXPECT_TRUE(look().empty());
+}
+
+TEST_F(FileFilter, OpenedForAppendingIsAlwaysReadyForWriting) {
+    ASSERT_EQ(fcntl(file, F_SETFL, O_APPEND), 0);
+    add(file, EVFILT_READ);
+    add(file, EVFILT_WRITE);
+    for (int i = 0; i < 3; ++i) {
+        const struct kevent record = waitForOne();
+        EXPECT_EQ(record.filter, EVFILT_WRITE);
+        EXPECT_GT(record.data, 1'000'000'000);
+        send(file, "x");  // which leaves the position at the end
+    }
+}
+
 TEST_F(FileFilter, OfADirectoryIsRefused) {
     const Descriptor directory(open("/", O_RDONLY | O_DIRECTORY));
     EXPECT_EQ(change(static_cast<uint64_t>(directory), EVFILT_READ, EV_ADD), EINVAL);
@@ -83,9 +131,7 @@ TEST_F(FileFilter, RemovedOrClosedIsNoLongerLookedAt) {
     const int number = file;
     file.reset();
     EXPECT_TRUE(look().empty());
-    std::string other = testing::TempDir() + "file-XXXXXX";
-    file = Descriptor(mkstemp(other.data()));
-    unlink(other.c_str());
+    file = emptyFile();
     ASSERT_EQ(file, number);
     send(file, "0123");
     ASSERT_EQ(lseek(file, 0, SEEK_SET), 0);

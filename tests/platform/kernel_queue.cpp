@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -74,6 +76,32 @@ Pair pipePair() {
     std::array<int, 2> ends{};
     EXPECT_EQ(pipe(ends.data()), 0);
     return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+Pair fifoPair(int ours, int peer) {
+    std::string path = testing::TempDir() + "fifo-XXXXXX";
+    EXPECT_NE(mkdtemp(path.data()), nullptr);
+    const std::string name = path + "/fifo";
+    EXPECT_EQ(mkfifo(name.c_str(), 0600), 0);
+    Descriptor first(open(name.c_str(), ours));
+    Descriptor second(peer == -1 ? -1 : open(name.c_str(), peer));
+    unlink(name.c_str());
+    rmdir(path.c_str());
+    return {std::move(first), std::move(second)};
+}
+
+Descriptor emptyFile() {
+    std::string path = testing::TempDir() + "file-XXXXXX";
+    Descriptor file(mkstemp(path.data()));
+    unlink(path.c_str());
+    return file;
+}
+
+void setRaw(int terminal) {
+    struct termios mode = {};
+    ASSERT_EQ(tcgetattr(terminal, &mode), 0);
+    cfmakeraw(&mode);
+    ASSERT_EQ(tcsetattr(terminal, TCSANOW, &mode), 0);
 }
 
 Pair terminalPair() {

@@ -47,6 +47,15 @@ struct Pair {
 Pair unixPair();
 Pair tcpPair();
 Pair pipePair();  // ours reads, peer writes
+// The two ends of a FIFO whose name is gone, in the order and the ways that they are opened.
+Pair fifoPair(int ours, int peer);
+
+// A new file without a name, for reading and writing.
+Descriptor emptyFile();
+
+// In raw mode every byte counts, in the other one every line.
+void setRaw(int terminal);
+
 Descriptor tcpListener(uint16_t& port);
 Descriptor connectTo(uint16_t port, bool blocking = true);
 int connectSocket(int fd, uint16_t port);  // as connect(2), to this machine

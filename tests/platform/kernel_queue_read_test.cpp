@@ -2,12 +2,10 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 
 #include "tests/platform/kernel_queue.h"
 
@@ -151,19 +149,12 @@ TEST_F(ReadFilter, SwallowsAWakeUpWithoutBytesAndGoesOnAfterwards) {
 }
 
 TEST_F(ReadFilter, OfAFifoFollowsItsWriters) {
-    std::string path = testing::TempDir() + "fifo-XXXXXX";
-    ASSERT_NE(mkdtemp(path.data()), nullptr);
-    const std::string fifo = path + "/fifo";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const Descriptor reader(open(fifo.c_str(), O_RDONLY | O_NONBLOCK));
-    Descriptor writer(open(fifo.c_str(), O_WRONLY));
-    add(reader, EVFILT_READ);
-    send(writer, "12345");
+    Pair fifo = fifoPair(O_RDONLY | O_NONBLOCK, O_WRONLY);
+    add(fifo.ours, EVFILT_READ);
+    send(fifo.peer, "12345");
     EXPECT_EQ(waitForOne().data, 5);
-    writer.reset();
+    fifo.peer.reset();
     EXPECT_NE(waitForOne().flags & EV_EOF, 0);
-    unlink(fifo.c_str());
-    rmdir(path.c_str());
 }
 
 TEST_F(ReadFilter, OfATerminalCountsTheBytesOfALine) {

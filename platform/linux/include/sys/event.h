@@ -10,7 +10,10 @@
 //                 pending error, if it has one. A byte sent out of band is not counted. A terminal
 //                 that edits lines counts all that are complete, though each read takes one; for
 //                 an end-of-file character with nothing before it, it is ready with EV_EOF and no
-//                 bytes until that is read.
+//                 bytes until that is read. A regular file is silent at its end, and found to have
+//                 grown within 50 ms; without a size, as in procfs, it is silent altogether.
+//                 /dev/null has ended; other devices that are always ready, such as /dev/zero,
+//                 have one byte.
 //   EVFILT_WRITE  Level-triggered. `data` is a number of bytes that a blocking write(2) takes
 //                 without blocking, often well below what it would take. EV_EOF when the peer can
 //                 take no more, or a pending connect has failed, with the error in `fflags`;
@@ -27,10 +30,12 @@
 //
 // Descriptors
 //   Closing a descriptor removes its filters, also while a duplicate of it lives. Its number may
-//   be reused at once. Two things cannot be seen from outside the kernel: a descriptor closed and
-//   then made again, under the same number, from a duplicate of itself; and a regular file closed
-//   and opened again under the same number. Both keep their filters. Directories and block
-//   devices are refused with EINVAL.
+//   be reused at once. Three things cannot be seen from outside the kernel, and filters outlive
+//   them: a descriptor closed and then made again, under the same number, from a duplicate of
+//   itself; a regular file or device that is always ready, closed and opened again under the same
+//   number; and the same of a FIFO or terminal whose only filter is one for writing that has had
+//   room ever since it was added. Directories and block devices are refused with EINVAL. One
+//   descriptor may be in several queues; a socket's pending error is told by the first that asks.
 //
 // Threads: any; calls on one queue take turns, so one call that waits holds up the others.
 // close(2) of the queue's own descriptor is enough to be rid of it.
