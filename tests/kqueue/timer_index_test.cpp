@@ -18,7 +18,7 @@ class Registry {
 public:
     std::shared_ptr<HXKQueueTimer> add() {
         const std::optional<int32_t> ident = index.lowestFreeIdent();
-        const auto timer = HXKQueueTimer::initWithIdent(*ident, 1, false, {}, nullptr);
+        auto timer = HXKQueueTimer::initWithIdent(*ident, 1, false, {}, nullptr);
         idents.push_back(*ident);
         objects.push_back(timer);
         index.enter({.ident = std::prev(idents.end()), .object = std::prev(objects.end())});
