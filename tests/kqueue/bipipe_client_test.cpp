@@ -394,6 +394,13 @@ TEST_F(BipipeOverATerminal, LinesComeWholeAndGoBack) {
     EXPECT_EQ(answer, "hello\n");
 }
 
+TEST_F(BipipeOverATerminal, EndOfFileCharacterIsTerminatedUntilItIsStopped) {
+    const auto source = over(terminal, dup(terminal));
+    writeAll(keyboard, "x\n\x04");
+    ASSERT_TRUE(events.waitFor(HXKQueueEventTerminated, 2));
+    EXPECT_EQ(events.allBytes(), "x\n");
+}
+
 TEST_F(BipipeOverATerminal, HangUpIsTerminated) {
     const auto source = over(terminal, dup(terminal));
     hangUp(keyboard);
