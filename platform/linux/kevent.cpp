@@ -1,9 +1,9 @@
 // The two calls of <sys/event.h>: which queue a descriptor means.
 //
 // A queue's descriptor is its epoll instance, so that close(2) frees all that the kernel holds for
-// it. What this process holds is freed when a later kqueue() finds the number closed, or reuses it.
+// it. What this process holds is freed when a later kqueue() finds that the number means no epoll
+// instance any more, or reuses it.
 
-#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/event.h>
 #include <unistd.h>
@@ -21,12 +21,18 @@ namespace {
 
 using epollqueue::EventQueue;
 
+// REQUIRES: other is open, and no part of fd. epoll_ctl(2) fails with EBADF for a number that is
+// closed, with EINVAL for any other file.
+bool isEpollInstance(int fd, int other) {
+    return epoll_ctl(fd, EPOLL_CTL_DEL, other, nullptr) == 0 || errno == ENOENT;
+}
+
 class Registry {
 public:
     void enter(int fd) {
         auto queue = std::make_shared<EventQueue>(fd);
         const std::lock_guard guard(lock);
-        std::erase_if(queues, [](const auto& entry) { return fcntl(entry.first, F_GETFD) == -1; });
+        std::erase_if(queues, [&](const auto& entry) { return !isEpollInstance(entry.first, fd); });
         queues[fd] = std::move(queue);
     }
 

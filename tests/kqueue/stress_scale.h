@@ -35,7 +35,7 @@ inline constexpr size_t kMessages = 100;
 inline constexpr size_t kRounds = 1'000;
 
 // Loops that are stopped under load.
-inline constexpr size_t kLoopRounds = kThreadSanitizer ? 200 : 1'000;
+inline constexpr size_t kLoopRounds = 1'000;
 
 // Sources that eight threads share.
 inline constexpr size_t kSharedSources = 1'000;

@@ -1,5 +1,7 @@
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "tests/platform/epoll_calls.h"
 #include "tests/platform/kernel_queue.h"
 
@@ -29,6 +31,18 @@ TEST_F(Closing, DuplicateThatLivesReachesNobodyWithoutADescriptorToSpare) {
     EXPECT_EQ(waitForOne().udata, &tag);
     EXPECT_EQ(receive(kept.ours, 3), "abc");
     EXPECT_TRUE(wait(8, 20).empty());
+}
+
+// Whatever the number means by then, the next queue's making sets its memory free.
+TEST_F(Closing, QueueWhoseNumberHasBecomeAnotherFileIsForgotten) {
+    const int number = ::kqueue();
+    ASSERT_EQ(close(number), 0);
+    const Descriptor file(dup2(STDERR_FILENO, number));
+    const Descriptor next(::kqueue());
+    struct kevent record;
+    const struct timespec atOnce = {};
+    EXPECT_EQ(kevent(number, nullptr, 0, &record, 1, &atOnce), -1);
+    EXPECT_EQ(errno, EBADF);
 }
 
 }  // namespace
