@@ -6,7 +6,7 @@ namespace hxkqueue {
 
 std::optional<int32_t> TimerIndex::lowestFreeIdent() const noexcept {
     if (!freed.empty()) return *freed.begin();
-    if (firstUnused == kIdentEnd) return std::nullopt;
+    if (firstUnused == end) return std::nullopt;
     return firstUnused;
 }
 

@@ -28,6 +28,9 @@ public:
     // Identifiers run from 0 up to, and without, this one.
     static constexpr int32_t kIdentEnd = std::numeric_limits<int32_t>::max();
 
+    // identEnd stands in for kIdentEnd where a test cannot wait for that.
+    explicit TimerIndex(int32_t identEnd = kIdentEnd) noexcept : end(identEnd) {}
+
     // None when all are taken.
     [[nodiscard]] std::optional<int32_t> lowestFreeIdent() const noexcept;
 
@@ -52,6 +55,7 @@ private:
 
     [[nodiscard]] IdentNode takeLowestFree();
 
+    const int32_t end;
     int32_t firstUnused = 0;  // neither it nor any above has been taken yet
     std::set<int32_t> freed;  // below firstUnused, taken once and free again
     std::unordered_map<const HXKQueueEventProtocol*, Entry> entries;

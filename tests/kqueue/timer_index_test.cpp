@@ -16,6 +16,8 @@ using hxkqueue::TimerIndex;
 // A registry around the index, without a loop.
 class Registry {
 public:
+    explicit Registry(int32_t identEnd = TimerIndex::kIdentEnd) : index(identEnd) {}
+
     std::shared_ptr<HXKQueueTimer> add() {
         const std::optional<int32_t> ident = index.lowestFreeIdent();
         auto timer = HXKQueueTimer::initWithIdent(*ident, 1, false, {}, nullptr);
@@ -79,6 +81,23 @@ TEST_F(TimerRegistry, TimerLeavesOnceAndByIdentityNotByIdent) {
     EXPECT_TRUE(remove(timer));
     EXPECT_FALSE(remove(timer));
     EXPECT_FALSE(index.leave(nullptr));
+}
+
+TEST(TimerRegistryOfThree, HasNoFourthIdentUntilOneIsFreed) {
+    Registry registry(3);
+    registry.add();
+    const auto second = registry.add();
+    EXPECT_EQ(registry.index.lowestFreeIdent(), 2);
+    registry.add();
+    EXPECT_EQ(registry.index.lowestFreeIdent(), std::nullopt);
+    registry.remove(second);
+    EXPECT_EQ(registry.index.lowestFreeIdent(), 1);
+    registry.add();
+    EXPECT_EQ(registry.index.lowestFreeIdent(), std::nullopt);
+}
+
+TEST(TimerRegistryOfALoop, HasIdentsUpToTheLargestSignedNumberButOne) {
+    EXPECT_EQ(TimerIndex::kIdentEnd, 2'147'483'647);
 }
 
 // Against the plainest of registries, which walks.
