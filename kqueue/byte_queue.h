@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 #include <vector>
 
 namespace hxkqueue {
@@ -22,6 +23,7 @@ public:
 
     // Throws std::bad_alloc or std::length_error; nothing has changed then.
     void append(const char* added, uint64_t count) {
+        if (count > bytes.max_size() - bytes.size()) throw std::length_error("ByteQueue");
         bytes.insert(bytes.end(), added, added + count);
     }
 

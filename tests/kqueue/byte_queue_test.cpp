@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -45,6 +46,50 @@ TEST(ByteQueue, AppendedZerosAreZerosWhateverWasThereBefore) {
     EXPECT_EQ(contentOf(queue), std::string("e\0\0\0", 4));
     *space = 'x';
     EXPECT_EQ(contentOf(queue), std::string("ex\0\0", 4));
+}
+
+TEST(ByteQueue, FailsToGrowBeyondTheMemoryWithoutAChange) {
+    ByteQueue queue;
+    queue.append("abc", 3);
+    EXPECT_THROW(queue.append("x", UINT64_MAX), std::length_error);
+    EXPECT_THROW(queue.append("x", uint64_t{1} << 63), std::length_error);
+    EXPECT_EQ(contentOf(queue), "abc");
+}
+
+uintptr_t placeOf(const ByteQueue& queue) {
+    return reinterpret_cast<uintptr_t>(queue.data());
+}
+
+TEST(ByteQueue, WhatIsLeftStaysInItsPlaceUntilHalfIsGone) {
+    ByteQueue queue;
+    queue.append(std::string(1000, 'x').data(), 1000);
+    const uintptr_t place = placeOf(queue);
+    for (size_t removed = 1; removed < 500; ++removed) {
+        queue.removeFront(1);
+        ASSERT_EQ(placeOf(queue), place + removed);
+    }
+    queue.removeFront(1);
+    EXPECT_EQ(placeOf(queue), place);
+}
+
+// A queue that never runs empty works in the same memory however much goes through it.
+TEST(ByteQueue, NeedsMemoryForWhatItHoldsOnlyWhateverHasGoneThrough) {
+    ByteQueue queue;
+    const std::string piece(100, 'x');
+    queue.append(piece.data(), piece.size());
+    queue.append(piece.data(), piece.size());
+    const auto pass = [&] {
+        queue.append(piece.data(), piece.size());
+        queue.removeFront(piece.size());
+    };
+    for (int warmingUp = 0; warmingUp < 10; ++warmingUp)
+        pass();
+    const uintptr_t place = placeOf(queue);
+    for (int step = 0; step < 1000; ++step) {
+        pass();
+        ASSERT_LT(placeOf(queue) - place + 1000, 2000U);
+    }
+    EXPECT_EQ(queue.size(), 200U);
 }
 
 TEST(ByteQueue, AgreesWithAStringWhateverIsDoneToIt) {
