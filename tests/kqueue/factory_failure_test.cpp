@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/un.h>
@@ -126,6 +127,28 @@ TEST_F(FactoryFailure, ServersThatCannotListenFailAndTheUnixOneLeavesItsFile) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
+TEST_F(FactoryFailure, ServerDoesWithoutTheOptionsItCannotSet) {
+    failingCalls.setOption = ENOPROTOOPT;
+    EXPECT_NE(loop->createTCPServer(asSockaddr(loopback(AF_INET, 0))), nullptr);
+    EXPECT_EQ(failingCalls.setOption, 0);
+    EXPECT_TRUE(log.errors().empty());
+}
+
+TEST_F(FactoryFailure, ServerDoesWithoutTheModeItCannotSet) {
+    const std::string other = directory.file("other");
+    failingCalls.changeMode = EPERM;
+    EXPECT_NE(loop->createUnixServer(other.c_str(), 0600), nullptr);
+    EXPECT_EQ(failingCalls.changeMode, 0);
+    EXPECT_TRUE(log.errors().empty());
+}
+
+TEST_F(FactoryFailure, ClientThatStaysInNonBlockingModeIsMadeAllTheSame) {
+    failingCalls.setBlocking = EPERM;
+    EXPECT_NE(loop->createUnixClient(path.c_str()), nullptr);
+    EXPECT_EQ(failingCalls.setBlocking, 0);
+    EXPECT_TRUE(log.errors().empty());
+}
+
 TEST_F(FactoryFailure, StreamSocketFailsWithEachOfItsAllocations) {
     failEachAllocation("cannot initialize stream socket object",
                        [this] { return loop->createStreamSocket(listener, false); });
@@ -198,6 +221,63 @@ TEST_F(FactoryFailure, BytesThatCannotBeQueuedAreLogged) {
         EXPECT_TRUE(loop->write(source, "x", 1));
     }
     expectOnlyError(tagOf(source.get()) + ": cannot queue bytes");
+}
+
+TEST_F(FactoryFailure, AbsurdNumberOfBytesIsLogged) {
+    const auto source = loop->createStreamSocket(listener, false);
+    loop->startObject(source, [](auto&&...) { return true; });
+    EXPECT_TRUE(loop->write(source, "x", UINT64_MAX));
+    expectOnlyError(tagOf(source.get()) + ": cannot queue bytes");
+    EXPECT_EQ(source->pendingBytes(), 0U);
+}
+
+class BipipeFailure : public LoopTest {
+protected:
+    BipipeFailure() {
+        EXPECT_EQ(pipe(ends.data()), 0);
+        bipipe = loop->createBipipeClient(ends.data(), false);
+    }
+    ~BipipeFailure() override {
+        stopLoop();
+        for (const int end : ends)
+            close(end);
+    }
+
+    EventRecorder events;
+    std::array<int, 2> ends{};
+    std::shared_ptr<HXKQueueBipipeClient> bipipe;
+};
+
+// A write filter that finds nothing queued would end the stream.
+TEST_F(BipipeFailure, BytesThatCannotBeQueuedArmNothing) {
+    loop->startObject(bipipe, events.block());
+    {
+        const FailingAllocations failing(1);
+        loop->write(bipipe, "x", 1);
+    }
+    EXPECT_EQ(log.errors(),
+              std::vector<std::string>{"error " + tagOf(bipipe.get()) + ": cannot queue bytes"});
+    settle();
+    settle();
+    EXPECT_EQ(events.codes(), std::vector<int32_t>{HXKQueueEventConnected});
+}
+
+// A read filter would take the byte out of the pipe.
+TEST_F(BipipeFailure, BlockThatCannotBeKeptIsToldOfTheEndWithADropCountAndNothingIsRegistered) {
+    {
+        HXKQueueEventBlock block = events.dropping(0);
+        const FailingAllocations failing(1);
+        loop->startObject(bipipe, std::move(block));
+    }
+    ASSERT_EQ(events.codes(), std::vector<int32_t>{HXKQueueEventTerminated});
+    EXPECT_TRUE(events.last().hadDropSize);
+    EXPECT_EQ(events.last().thread, std::this_thread::get_id());
+    ASSERT_EQ(::write(ends[1], "x", 1), 1);
+    settle();
+    settle();
+    EXPECT_EQ(fcntl(ends[0], F_SETFL, O_NONBLOCK), 0);
+    char byte = 0;
+    EXPECT_EQ(read(ends[0], &byte, 1), 1);
 }
 
 class ReceiveFailure : public LoopTest {};

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -33,6 +34,8 @@ int __real_epoll_create1(int flags);
 int __real_listen(int sock, int backlog);
 int __real_accept(int sock, struct sockaddr* address, socklen_t* length);
 int __real_getsockopt(int sock, int level, int name, void* value, socklen_t* length);
+int __real_setsockopt(int sock, int level, int name, const void* value, socklen_t length);
+int __real_chmod(const char* path, mode_t mode);
 int __wrap_close(int fd);
 int __wrap_fcntl(int fd, int command, ...);
 int __wrap_socket(int domain, int type, int protocol);
@@ -40,6 +43,8 @@ int __wrap_epoll_create1(int flags);
 int __wrap_listen(int sock, int backlog);
 int __wrap_accept(int sock, struct sockaddr* address, socklen_t* length);
 int __wrap_getsockopt(int sock, int level, int name, void* value, socklen_t* length);
+int __wrap_setsockopt(int sock, int level, int name, const void* value, socklen_t length);
+int __wrap_chmod(const char* path, mode_t mode);
 
 int __wrap_close(int fd) {
     if (fd == failingCalls.watched) ++failingCalls.closesOfWatched;
@@ -53,6 +58,8 @@ int __wrap_fcntl(int fd, int command, ...) {
     va_end(arguments);
     if (command == F_GETFL && fails(failingCalls.getFlags)) return -1;
     if (command == F_SETFL && fails(failingCalls.setFlags)) return -1;
+    if (command == F_SETFL && (argument & O_NONBLOCK) == 0 && fails(failingCalls.setBlocking))
+        return -1;
     return __real_fcntl(fd, command, argument);
 }
 
@@ -76,6 +83,15 @@ int __wrap_getsockopt(int sock, int level, int name, void* value, socklen_t* len
     if (level == SOL_SOCKET && name == SO_PEERCRED && fails(failingCalls.peerCredentials))
         return -1;
     return __real_getsockopt(sock, level, name, value, length);
+}
+
+int __wrap_setsockopt(int sock, int level, int name, const void* value, socklen_t length) {
+    if (fails(failingCalls.setOption)) return -1;
+    return __real_setsockopt(sock, level, name, value, length);
+}
+
+int __wrap_chmod(const char* path, mode_t mode) {
+    return fails(failingCalls.changeMode) ? -1 : __real_chmod(path, mode);
 }
 
 // The C++ library calls this one, so it is replaced rather than wrapped.

@@ -5,8 +5,11 @@
 
 struct FailingCalls {
     // The error numbers that the next call fails with; 0: it goes to the system.
-    std::atomic<int> getFlags{0};  // fcntl, F_GETFL
-    std::atomic<int> setFlags{0};  // fcntl, F_SETFL
+    std::atomic<int> getFlags{0};     // fcntl, F_GETFL
+    std::atomic<int> setFlags{0};     // fcntl, F_SETFL
+    std::atomic<int> setBlocking{0};  // fcntl, F_SETFL without O_NONBLOCK
+    std::atomic<int> setOption{0};    // setsockopt
+    std::atomic<int> changeMode{0};   // chmod
     std::atomic<int> socket{0};
     std::atomic<int> listen{0};
     std::atomic<int> accept{0};

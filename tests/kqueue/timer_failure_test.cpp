@@ -1,3 +1,5 @@
+#include <list>
+#include <new>
 #include <optional>
 
 #include "kqueue/HXKQueueTimer.h"
@@ -64,15 +66,50 @@ TEST_F(TimerFailure, WithoutAFreeIdentThereIsNoneAndOneLineSaysSo) {
     EXPECT_NE(loop->createTimer(5, false), nullptr);
 }
 
+// A registration with the kernel would have it fire once more.
 TEST_F(TimerFailure, BlockThatCannotBeKeptLeavesTheTimerAsItWas) {
-    const auto timer = loop->createTimer(5, false);
+    EventRecorder events;
+    EventRecorder lost;
+    EventRecorder others;
+    loop->start();
+    const auto timer = loop->createTimer(1, true);
+    loop->startObject(timer, events.block());
+    ASSERT_TRUE(events.waitFor(HXKQueueEventData, 1));
     {
-        HXKQueueEventBlock block = [](auto&&...) { return true; };
+        HXKQueueEventBlock block = lost.block();
         const FailingAllocations failing(1);
         loop->startObject(timer, std::move(block));
     }
     EXPECT_EQ(log->errors(), std::vector<std::string>{"error " + tagOf(timer.get()) +
                                                       ": cannot keep event block"});
+    loop->startObject(loop->createTimer(2, false), others.block());
+    ASSERT_TRUE(others.waitFor(HXKQueueEventData, 10));
+    EXPECT_EQ(events.count(HXKQueueEventData), 1U);
+    EXPECT_TRUE(lost.all().empty());
+    loop->stop();
+}
+
+TEST(TimerIndexFailure, TimerThatCannotBeEnteredIsNotThere) {
+    const auto timer = HXKQueueTimer::initWithIdent(0, 1, false, {}, nullptr);
+    std::list<int32_t> idents = {0};
+    std::list<std::shared_ptr<HXKQueueTimer>> objects = {timer};
+    const hxkqueue::TimerIndex::Place place = {.ident = idents.begin(), .object = objects.begin()};
+    for (uint64_t nth = 1;; ++nth) {
+        hxkqueue::TimerIndex index;
+        FailingAllocations failing(nth);
+        try {
+            index.enter(place);
+        } catch (const std::bad_alloc&) {
+            failing.end();
+            EXPECT_EQ(index.lowestFreeIdent(), 0);
+            EXPECT_FALSE(index.isTaken(0));
+            EXPECT_FALSE(index.leave(timer.get()));
+            continue;
+        }
+        EXPECT_FALSE(failing.happened());
+        EXPECT_GT(nth, 2U);  // the entry, the identifier
+        return;
+    }
 }
 
 }  // namespace
