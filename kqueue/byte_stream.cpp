@@ -30,7 +30,7 @@ bool ByteStream::keepBlock(HXKQueueEventBlock block) {
     } catch (const std::bad_alloc&) {
         logger->error("<%p>: cannot keep event block", static_cast<void*>(&source));
         uint64_t drop = 0;
-        block(source.shared_from_this(), nullptr, 0, &drop, HXKQueueEventTerminated);
+        if (block) block(source.shared_from_this(), nullptr, 0, &drop, HXKQueueEventTerminated);
         return false;
     }
 }

@@ -280,6 +280,15 @@ TEST_F(BipipeFailure, BlockThatCannotBeKeptIsToldOfTheEndWithADropCountAndNothin
     EXPECT_EQ(read(ends[0], &byte, 1), 1);
 }
 
+TEST_F(BipipeFailure, NoBlockThatCannotBeKeptIsLoggedOnly) {
+    {
+        const FailingAllocations failing(1);
+        loop->startObject(bipipe, nullptr);
+    }
+    EXPECT_EQ(log.errors(), std::vector<std::string>{"error " + tagOf(bipipe.get()) +
+                                                     ": cannot keep event block"});
+}
+
 class ReceiveFailure : public LoopTest {};
 
 TEST_F(ReceiveFailure, BytesWithoutMemoryForThemAreTerminated) {
