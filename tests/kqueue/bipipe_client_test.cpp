@@ -287,6 +287,28 @@ TEST_F(BipipeOver, OneSocketAsBothEndsEchoes) {
     EXPECT_TRUE(events.waitFor(HXKQueueEventTerminated));
 }
 
+TEST_F(BipipeOver, SocketIsClosedWithoutAShutdown) {
+    std::array<int, 2> pair{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()), 0);
+    const int duplicate = dup(pair[0]);
+    const auto source = over(pair[0], dup(pair[0]));
+    loop->stopObject(source);
+    settle();
+    writeAll(pair[1], "x");
+    writeAll(duplicate, "y");
+    char byte = 0;
+    EXPECT_EQ(read(duplicate, &byte, 1), 1);
+    EXPECT_EQ(read(pair[1], &byte, 1), 1);
+    close(duplicate);
+    close(pair[1]);
+}
+
+TEST_F(BipipeOver, DirectoryIsTerminated) {
+    const auto source = over(open("/", O_RDONLY), open("/dev/null", O_WRONLY));
+    EXPECT_TRUE(events.waitFor(HXKQueueEventTerminated));
+    EXPECT_EQ(events.count(HXKQueueEventData), 0U);
+}
+
 TEST_F(BipipeOver, FifosEcho) {
     const std::string there = directory.file("there");
     const std::string back = directory.file("back");

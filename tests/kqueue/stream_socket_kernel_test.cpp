@@ -69,6 +69,10 @@ TEST_F(StreamSocketAndKernel, ConnectedOneRegistersForReadingAfterItsBlockHasRun
     kernel.settle();
     EXPECT_EQ(kernel.changes(),
               (std::vector<Change>{change(EVFILT_WRITE, kArm), change(EVFILT_READ, kArm)}));
+    const struct kevent record = kernel.lastChange();
+    EXPECT_EQ(record.fflags, 0U);
+    EXPECT_EQ(record.data, 0);
+    EXPECT_EQ(record.udata, stream.source.get());
 }
 
 TEST_F(StreamSocketAndKernel, WriteOfNothingSubmitsNothing) {

@@ -48,6 +48,20 @@ TEST_F(Timer, FreedIdentIsHandedOutAgainOnceTheStopIsPerformed) {
     EXPECT_EQ(identOf(loop->createTimer(1000, false)), 2);
 }
 
+TEST_F(Timer, IdentIsFreeWhenTheStopDropsTheBlock) {
+    std::atomic<int> next{-1};
+    {
+        const std::shared_ptr<void> createsOne(
+            nullptr, [&](void*) { next = identOf(loop->createTimer(1000, false)); });
+        const auto timer = loop->createTimer(1000, false);
+        loop->startObject(timer, [createsOne](auto&&...) { return true; });
+        loop->stopObject(timer);
+    }
+    settle();
+    settle();
+    EXPECT_EQ(next, 0);
+}
+
 TEST_F(Timer, OfTwoLoopsDoNotShareTheirIdents) {
     const auto other = HXKQueue::initWithSubsystem(kSubsystem);
     EXPECT_EQ(identOf(loop->createTimer(1000, false)), 0);
