@@ -46,11 +46,12 @@ enum : int32_t {
 //            by all others.
 //
 // What a block holds goes when the source is stopped, with the loop's lock held: a destructor that
-// runs then must not wait for a lock that is held elsewhere around calls of the loop.
+// runs then must not wait for a lock that is held elsewhere around calls of the loop. A stream's
+// own lock is one: the destructor must not call write or pendingBytes.
 //
-// Runs on the I/O thread, HXKQueueEventConnected also on the thread that enables the source. No
-// lock of the library is held, so it may call every operation of the loop except stop. It must
-// not throw.
+// Runs on the I/O thread; HXKQueueEventConnected, and HXKQueueEventTerminated for want of memory
+// to keep the block, also on the thread that enables the source. No lock of the library is held,
+// so it may call every operation of the loop except stop. It must not throw.
 using HXKQueueEventBlock =
     std::function<bool(const std::shared_ptr<HXKQueueEventProtocol>& source, const char* bytes,
                        uint64_t size, uint64_t* dropSize, int32_t code)>;

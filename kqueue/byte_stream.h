@@ -4,7 +4,8 @@
 // The source names the descriptors and fills the changes; it knows what they mean.
 //
 // Threads    queue, submit and pendingBytes: any. keepBlock: the thread that enables the source.
-//            The others: the I/O thread, forgetBlock also the thread that stops the loop.
+//            report: that one and the I/O thread. The others: the I/O thread, forgetBlock also the
+//            thread that stops the loop.
 // Errors     a failed read or write is HXKQueueEventTerminated; so is a lack of memory for what
 //            arrives, and for the block, which is told so itself. Bytes that there is no memory
 //            to queue are only logged.
