@@ -2,8 +2,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
-
 #include "tests/platform/epoll_calls.h"
 #include "tests/platform/kernel_queue.h"
 #include "tests/platform/processor_time.h"
@@ -75,10 +73,7 @@ TEST_F(Cost, SteadyStateAllocatesNothingAndTellsEpollNothing) {
 }
 
 TEST_F(Cost, WakeUpWithoutBytesDoesNotKeepTheWaitBusy) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends.data()), 0);
-    const Descriptor ours(ends[0]);
-    const Descriptor peer(ends[1]);
+    const auto [ours, peer] = datagramPair();
     add(ours, EVFILT_READ);
     ASSERT_EQ(::send(peer, "", 0, 0), 0);
     EXPECT_TRUE(waitSleeps());

@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <set>
 
@@ -101,10 +100,7 @@ TEST_F(Trouble, WriteFilterOfAnUnconnectedSocketThatEpollWouldNotTakeWakesWithTh
 }
 
 TEST_F(Trouble, WakeUpOutlivesACallThatRunsOutOfMemory) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends.data()), 0);
-    const Descriptor ours(ends[0]);
-    const Descriptor peer(ends[1]);
+    const auto [ours, peer] = datagramPair();
     add(ours, EVFILT_READ);
     ASSERT_EQ(::send(peer, "", 0, 0), 0);
     EXPECT_TRUE(look().empty());

@@ -28,10 +28,18 @@ void Descriptor::reset() {
     if (fd != -1) close(std::exchange(fd, -1));
 }
 
-Pair unixPair() {
+static Pair socketPair(int type) {
     std::array<int, 2> ends{};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+    EXPECT_EQ(socketpair(AF_UNIX, type, 0, ends.data()), 0);
     return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+Pair unixPair() {
+    return socketPair(SOCK_STREAM);
+}
+
+Pair datagramPair() {
+    return socketPair(SOCK_DGRAM);
 }
 
 Descriptor tcpListener(uint16_t& port) {

@@ -45,6 +45,7 @@ struct Pair {
 };
 
 Pair unixPair();
+Pair datagramPair();  // Unix datagrams, of which one may have no bytes
 Pair tcpPair();
 Pair pipePair();  // ours reads, peer writes
 // The two ends of a FIFO whose name is gone, in the order and the ways that they are opened.

@@ -340,10 +340,7 @@ TEST_F(Changes, WaitThatIsInterruptedByASignalSaysSoWithItsChangesApplied) {
 }
 
 TEST_F(Changes, WaitWithAWakeUpThatIsSwallowedLastsAsLongAsItsTimeout) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends.data()), 0);
-    const Descriptor ours(ends[0]);
-    const Descriptor peer(ends[1]);
+    const auto [ours, peer] = datagramPair();
     add(ours, EVFILT_READ);
     ASSERT_EQ(::send(peer, "", 0, 0), 0);
     const int64_t start = now();

@@ -135,10 +135,7 @@ TEST_F(ReadFilter, OfAnUnconnectedSocketIsSilentAndWakesWithTheConnection) {
 
 // A Unix datagram of no bytes makes a socket readable, with nothing to read.
 TEST_F(ReadFilter, SwallowsAWakeUpWithoutBytesAndGoesOnAfterwards) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends.data()), 0);
-    const Descriptor ours(ends[0]);
-    const Descriptor peer(ends[1]);
+    const auto [ours, peer] = datagramPair();
     add(ours, EVFILT_READ);
     ASSERT_EQ(::send(peer, "", 0, 0), 0);
     EXPECT_TRUE(wait(8, 20).empty());
@@ -255,10 +252,7 @@ TEST_F(ReadFilter, OfATerminalThatWasHungUpBeforeHasEnded) {
 }
 
 TEST_F(ReadFilter, StaysReadyUntilTheBytesAreReadAlsoAfterAWakeUpWithoutAny) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends.data()), 0);
-    const Descriptor ours(ends[0]);
-    const Descriptor peer(ends[1]);
+    const auto [ours, peer] = datagramPair();
     add(ours, EVFILT_READ);
     ASSERT_EQ(::send(peer, "", 0, 0), 0);
     EXPECT_TRUE(look().empty());

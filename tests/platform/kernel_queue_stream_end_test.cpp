@@ -3,7 +3,6 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <functional>
 #include <map>
@@ -243,7 +242,16 @@ protected:
         ASSERT_NE(pwritev2(pair.ours, &all, 1, 0, RWF_APPEND), -1);
     }
 
+    void addToBothQueues() {
+        for (int i = 0; i < 2; ++i) {
+            add(pair.ours, EVFILT_READ);
+            add(pair.ours, EVFILT_WRITE);
+            std::swap(queue, otherQueue);
+        }
+    }
+
     Pair pair;
+    Descriptor otherQueue = Descriptor(kqueue());
 };
 
 Pair rawTerminal() {
@@ -286,12 +294,7 @@ TEST_P(BothEnds, OneDescriptorReadsAndWrites) {
 }
 
 TEST_P(BothEnds, OneDescriptorInTwoQueuesIsReadyInBoth) {
-    Descriptor other(kqueue());
-    for (int i = 0; i < 2; ++i) {
-        add(pair.ours, EVFILT_READ);
-        add(pair.ours, EVFILT_WRITE);
-        std::swap(queue, other);
-    }
+    addToBothQueues();
     feed("abc");
     for (int i = 0; i < 2; ++i) {
         std::map<int, struct kevent> found;
@@ -299,34 +302,29 @@ TEST_P(BothEnds, OneDescriptorInTwoQueuesIsReadyInBoth) {
             found = readiness();
         EXPECT_EQ(found.at(EVFILT_READ).data, 3);
         EXPECT_TRUE(found.contains(EVFILT_WRITE));
-        std::swap(queue, other);
+        std::swap(queue, otherQueue);
     }
     remove(pair.ours, EVFILT_READ);
     remove(pair.ours, EVFILT_WRITE);
     EXPECT_TRUE(look().empty());
-    std::swap(queue, other);
+    std::swap(queue, otherQueue);
     EXPECT_EQ(readiness().size(), 2U);
     EXPECT_EQ(receive(pair.ours, 3), "abc");
     EXPECT_FALSE(readiness().contains(EVFILT_READ));
 }
 
 TEST_P(BothEnds, ClosingADescriptorRemovesItFromTwoQueues) {
-    Descriptor other(kqueue());
-    for (int i = 0; i < 2; ++i) {
-        add(pair.ours, EVFILT_READ);
-        add(pair.ours, EVFILT_WRITE);
-        std::swap(queue, other);
-    }
+    addToBothQueues();
     feed("abc");
     const int number = pair.ours;
     pair.ours.reset();
     const Pair next = unixPair();
-    ASSERT_EQ(next.ours, number);
+    if (next.ours != number) pair.ours = Descriptor(dup2(next.ours, number));
     for (int i = 0; i < 2; ++i) {
         EXPECT_TRUE(look().empty());
         EXPECT_FALSE(has(number, EVFILT_READ));
         EXPECT_FALSE(has(number, EVFILT_WRITE));
-        std::swap(queue, other);
+        std::swap(queue, otherQueue);
     }
 }
 
