@@ -87,7 +87,10 @@ bool HXKQueue::initialise(const char* subsystem) {
              [this] { lock = std::make_unique<std::recursive_mutex>(); }) &&
         make("cannot initialize change list", [this] { changeList.reserve(kChangeCapacity); }) &&
         make("cannot initialize stop list", [this] { stopList.reserve(kStopCapacity); }) &&
-        make("cannot initialize active list", [this] { activeList.reserve(kStopCapacity); });
+        make("cannot initialize active list", [this] {
+            activeList.reserve(kStopCapacity);
+            activeListChanged.reserve(kStopCapacity);
+        });
     if (!made) return false;
 
     kq = ::kqueue();
@@ -236,20 +239,21 @@ void HXKQueue::stopObject(const std::shared_ptr<HXKQueueEventProtocol>& object) 
     const auto registered = activeList.find(keyOf(object.get()));
     if (registered == activeList.end()) return;
     try {
+        activeListChanged.push_back(registered->first);
         stopList.insert(object);
     } catch (const std::bad_alloc&) {
         logger->error("<%p>: cannot stop object", static_cast<void*>(object.get()));
         return;
     }
     activeList.erase(registered);
-    activeListChanged = true;
 }
 
 void HXKQueue::addActiveObject(const std::shared_ptr<HXKQueueEventProtocol>& object) {
     const std::lock_guard guard(*lock);
+    const uint64_t key = keyOf(object.get());
     try {
-        activeList[keyOf(object.get())] = object;
-        activeListChanged = true;
+        activeListChanged.push_back(key);
+        activeList[key] = object;
     } catch (const std::bad_alloc&) {
         logger->error("<%p>: cannot be added", static_cast<void*>(object.get()));
     }
@@ -296,7 +300,7 @@ void HXKQueue::ioThreadRoutine(void* /*ignored*/) {
         const std::lock_guard guard(*lock);
         const bool copied =
             attempt(*logger, "cannot initialize active list", [&] { io.snapshot = activeList; });
-        activeListChanged = false;
+        activeListChanged.clear();
         if (!copied) return;
     }
     while (!ioThread->isCancelled()) {
@@ -313,15 +317,25 @@ void HXKQueue::ioThreadRoutine(void* /*ignored*/) {
 bool HXKQueue::prepareIteration(IOThreadState& io) {
     const std::lock_guard guard(*lock);
     releaseStoppedUnlocked();
-    if (activeListChanged) {
-        const bool copied =
-            attempt(*logger, "copying active list error", [&] { io.snapshot = activeList; });
-        if (!copied) return false;
-        activeListChanged = false;
-    }
+    const bool renewed =
+        attempt(*logger, "copying active list error", [&] { renewSnapshotUnlocked(io.snapshot); });
+    if (!renewed) return false;
     io.changes.clear();
     io.changes.swap(changeList);
     return true;
+}
+
+// Makes the snapshot a copy of activeList again, at the cost of what has changed and not of what
+// there is.
+void HXKQueue::renewSnapshotUnlocked(SourceMap& snapshot) {
+    for (const uint64_t key : activeListChanged) {
+        const auto active = activeList.find(key);
+        if (active == activeList.end())
+            snapshot.erase(key);
+        else
+            snapshot.insert_or_assign(key, active->second);
+    }
+    activeListChanged.clear();
 }
 
 // A failed removal comes back with EV_DELETE in its flags: nobody waits for that. A count of 0 or

@@ -143,6 +143,7 @@ private:
     bool initialise(const char* subsystem);
     void ioThreadRoutine(void* ignored);
     bool prepareIteration(IOThreadState& io);
+    void renewSnapshotUnlocked(SourceMap& snapshot);
     static void dispatch(const IOThreadState& io, int count);
     void releaseStoppedUnlocked();
     void dropAdditionsOfStoppedUnlocked();
@@ -161,8 +162,9 @@ private:
     std::unique_ptr<std::recursive_mutex> lock;
     std::vector<struct kevent> changeList;                                // guarded by lock
     std::unordered_set<std::shared_ptr<HXKQueueEventProtocol>> stopList;  // guarded by lock
-    bool activeListChanged = false;                                       // guarded by lock
     SourceMap activeList;                                                 // guarded by lock
+    // The keys whose entries the I/O thread has not seen since they came or went.
+    std::vector<uint64_t> activeListChanged;  // guarded by lock
 
     std::unique_ptr<ThreadObject> ioThread;
 
