@@ -174,6 +174,25 @@ TEST_F(BipipeAndKernel, WriteThatMeetsTheRemovalOfTheFilterArmsItAfterwards) {
     EXPECT_EQ(kernel.changes().back(), writeChange(kArm));
 }
 
+// Before the filter is armed for new bytes, the I/O thread could send them at a record that was
+// under way. It has to wait, or the arming would come last and find the queue empty.
+TEST_F(BipipeAndKernel, ArmingComesBeforeTheRemovalThatItsOwnBytesLeadTo) {
+    start();
+    std::promise<void> removed;
+    auto removal = removed.get_future();
+    kernel.beforeNextRemoval([&] { removed.set_value(); });
+    kernel.beforeNextAddition([&] {
+        struct kevent record;
+        EV_SET(&record, out[1], EVFILT_WRITE, 0, 0, 100, static_cast<void*>(bipipe.get()));
+        kernel.deliver({record});
+        static_cast<void>(removal.wait_for(std::chrono::milliseconds(200)));
+    });
+    loop->write(bipipe, "bytes", 5);
+    kernel.settle();
+    EXPECT_EQ(arrived(), "bytes");
+    EXPECT_EQ(kernel.changes(), (std::vector<Change>{writeChange(kArm), writeChange(EV_DELETE)}));
+}
+
 TEST_F(BipipeAndKernel, ReadRecordOfNothingIsTerminatedAndLeavesTheBufferAlone) {
     loop->startObject(bipipe, events.dropping(0));
     ASSERT_EQ(::write(in[1], "kept", 4), 4);

@@ -17,6 +17,7 @@ void ScriptedKernel::reset() {
     submitted.clear();
     pending.clear();
     beforeRemoval = nullptr;
+    beforeAddition = nullptr;
     duringCall = nullptr;
     failing = false;
     failures = 0;
@@ -33,11 +34,16 @@ void ScriptedKernel::beforeNextRemoval(std::function<void()> action) {
     beforeRemoval = std::move(action);
 }
 
-void ScriptedKernel::removalIsComing() {
+void ScriptedKernel::beforeNextAddition(std::function<void()> action) {
+    const std::lock_guard guard(lock);
+    beforeAddition = std::move(action);
+}
+
+void ScriptedKernel::changeIsComing(const struct kevent& change) {
     std::function<void()> action;
     {
         const std::lock_guard guard(lock);
-        action.swap(beforeRemoval);
+        action.swap((change.flags & EV_DELETE) != 0 ? beforeRemoval : beforeAddition);
     }
     if (action) action();
 }
@@ -132,7 +138,7 @@ int __wrap_kevent(int /*kq*/, const struct kevent* changes, int changeCount, str
 }
 
 void __wrap__ZN8HXKQueue12submitChangeEPK6kevent(HXKQueue* loop, const struct kevent* change) {
-    if ((change->flags & EV_DELETE) != 0) ScriptedKernel::instance().removalIsComing();
+    ScriptedKernel::instance().changeIsComing(*change);
     __real__ZN8HXKQueue12submitChangeEPK6kevent(loop, change);
 }
 }

@@ -32,7 +32,9 @@ public:
 
     // Runs action, once, on the thread that submits the next removal, before the loop has it.
     void beforeNextRemoval(std::function<void()> action);
-    void removalIsComing();
+    // The same for the next change that is no removal.
+    void beforeNextAddition(std::function<void()> action);
+    void changeIsComing(const struct kevent& change);
 
     // Runs action, once, on the thread of the next call, while that is under way.
     void duringNextCall(std::function<void()> action);
@@ -62,6 +64,7 @@ private:
     std::vector<struct kevent> submitted;
     std::vector<struct kevent> pending;
     std::function<void()> beforeRemoval;
+    std::function<void()> beforeAddition;
     std::function<void()> duringCall;
     int givenRoom = 0;
     struct timespec givenTimeout = {};
