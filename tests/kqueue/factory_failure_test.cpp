@@ -164,6 +164,7 @@ TEST_F(FactoryFailure, BipipeThatOwnsOneNumberForBothEndsClosesItTwice) {
     const int sock = dup(listener);
     const std::array<int, 2> ends = {sock, sock};
     const auto source = loop->createBipipeClient(ends.data(), true);
+    failingCalls.closesOfWatched = 0;
     failingCalls.watched = sock;
     source->stop();
     EXPECT_EQ(failingCalls.closesOfWatched, 2);
