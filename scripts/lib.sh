@@ -63,6 +63,7 @@ missing_for_building() {
 missing_for_testing() {
     missing_for_building
     has_gtest || echo libgtest-dev
+    has pkg-config || echo pkg-config
 }
 
 # Other versions of these two format and warn otherwise.

@@ -1,0 +1,24 @@
+# Installs the library for a prefix, below DESTDIR, and checks that nothing went elsewhere.
+
+file(REMOVE_RECURSE ${STAGE})
+set(ENV{DESTDIR} ${STAGE})
+string(REPLACE "${STAGE}" "" prefix_of_user ${PREFIX})
+execute_process(
+    COMMAND ${CMAKE_COMMAND} --install ${BINARY_DIR} --component development
+            --prefix ${prefix_of_user}
+    OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
+
+foreach(file include/hxkqueue/kqueue/HXKQueue.h include/hxkqueue/platform/log.h
+             ${LIBDIR}/libhxkqueue.a ${LIBDIR}/pkgconfig/hxkqueue.pc
+             ${LIBDIR}/cmake/hxkqueue/hxkqueueConfig.cmake)
+    if(NOT EXISTS ${PREFIX}/${file})
+        message(FATAL_ERROR "${file} is missing")
+    endif()
+endforeach()
+
+file(GLOB_RECURSE everything LIST_DIRECTORIES false ${STAGE}/*)
+foreach(file IN LISTS everything)
+    if(NOT file MATCHES "^${PREFIX}/(include/hxkqueue|${LIBDIR})/")
+        message(FATAL_ERROR "${file} does not belong to the library")
+    endif()
+endforeach()

@@ -1,0 +1,20 @@
+# Looks for what must not reach a user: paths of the place where the library was built, and the
+# project's own compiler flags.
+
+file(GLOB_RECURSE files ${PREFIX}/*.h ${PREFIX}/*.cmake ${PREFIX}/*.pc)
+list(LENGTH files count)
+if(count LESS 10)
+    message(FATAL_ERROR "there are only ${count} files to look at")
+endif()
+foreach(file IN LISTS files)
+    file(READ ${file} text)
+    foreach(path ${SOURCE_DIR} ${BINARY_DIR} ${STAGE})
+        string(FIND "${text}" ${path} position)
+        if(NOT position EQUAL -1)
+            message(FATAL_ERROR "${file} names ${path}")
+        endif()
+    endforeach()
+    if(NOT file MATCHES "\\.h$" AND text MATCHES "-W[a-z]|-fsanitize|project_settings")
+        message(FATAL_ERROR "${file} passes ${CMAKE_MATCH_0} on")
+    endif()
+endforeach()
