@@ -6,7 +6,6 @@ Server office() {
     return {.id = 1,
             .host = "office.example",
             .port = 33000,
-            .connected = true,
             .devices = {{.id = 1,
                          .name = "Optical Mouse",
                          .vid = 0x046d,
@@ -36,7 +35,6 @@ Server workshop() {
     return {.id = 2,
             .host = "192.0.2.17",
             .port = 33001,
-            .connected = true,
             .devices = {{.id = 1,
                          .name = "Serial Adapter",
                          .vid = 0x0403,
@@ -59,7 +57,7 @@ Server laboratory() {
     return {.id = 3,
             .host = "2001:db8::3",
             .port = 33000,
-            .connected = false,
+            .state = ServerState::Disconnected,
             .devices = {{.id = 7,
                          .name = "Анализатор",
                          .vid = 0x16c0,
@@ -72,7 +70,7 @@ Server laboratory() {
 }
 
 Server empty() {
-    return {.id = 10, .host = "spare.example", .port = 40000, .connected = true, .devices = {}};
+    return {.id = 10, .host = "spare.example", .port = 40000, .devices = {}};
 }
 
 }  // namespace

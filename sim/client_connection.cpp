@@ -8,13 +8,12 @@
 
 #include "ipc/frame.h"
 #include "kqueue/HXKQueueStreamSocket.h"
-#include "sim/request_handler.h"
 
 bool ClientConnection::serve(const std::shared_ptr<HXKQueue>& loop,
-                             std::shared_ptr<Inventory> inventory, int sock) noexcept {
+                             std::shared_ptr<ServerLife> servers, int sock) noexcept {
     try {
         HXKQueueEventBlock block =
-            [client = std::make_shared<ClientConnection>(loop, std::move(inventory))](
+            [client = std::make_shared<ClientConnection>(loop, std::move(servers))](
                 const Source& source, const char* bytes, uint64_t size, uint64_t* dropSize,
                 int32_t code) {
                 client->onEvent(source, {bytes, size}, dropSize, code);
@@ -29,8 +28,8 @@ bool ClientConnection::serve(const std::shared_ptr<HXKQueue>& loop,
 }
 
 ClientConnection::ClientConnection(std::weak_ptr<HXKQueue> loopOfSource,
-                                   std::shared_ptr<Inventory> shared)
-    : loop(std::move(loopOfSource)), inventory(std::move(shared)) {}
+                                   std::shared_ptr<ServerLife> sharedServers)
+    : loop(std::move(loopOfSource)), servers(std::move(sharedServers)) {}
 
 void ClientConnection::onEvent(const Source& source, std::string_view received, uint64_t* dropSize,
                                int32_t code) noexcept {
@@ -64,7 +63,7 @@ std::optional<uint64_t> ClientConnection::answerAll(const Source& source,
 }
 
 bool ClientConnection::answerOne(const Source& source, int32_t command, std::string_view payload) {
-    const std::optional<std::string> reply = answerRequest(*inventory, command, payload);
+    const std::optional<std::string> reply = servers->answer(command, payload);
     if (!reply) return false;
     const std::vector<char> frame = makeFrame(command, *reply);
     if (const auto running = loop.lock()) running->write(source, frame.data(), frame.size());

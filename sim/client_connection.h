@@ -13,16 +13,17 @@
 #include <string_view>
 
 #include "kqueue/HXKQueue.h"
-#include "sim/inventory.h"
+#include "sim/server_life.h"
 
 class ClientConnection {
 public:
     // Takes over sock, a connected stream socket, and serves it on the loop. False when there is
     // no memory for it; sock is then left to the caller. Never throws.
     [[nodiscard]] static bool serve(const std::shared_ptr<HXKQueue>& loop,
-                                    std::shared_ptr<Inventory> inventory, int sock) noexcept;
+                                    std::shared_ptr<ServerLife> servers, int sock) noexcept;
 
-    ClientConnection(std::weak_ptr<HXKQueue> loopOfSource, std::shared_ptr<Inventory> shared);
+    ClientConnection(std::weak_ptr<HXKQueue> loopOfSource,
+                     std::shared_ptr<ServerLife> sharedServers);
 
 private:
     using Source = std::shared_ptr<HXKQueueEventProtocol>;
@@ -35,6 +36,6 @@ private:
     void end(const Source& source) noexcept;
 
     std::weak_ptr<HXKQueue> loop;
-    std::shared_ptr<Inventory> inventory;
+    std::shared_ptr<ServerLife> servers;
     bool ended = false;
 };

@@ -15,6 +15,7 @@
 #include "kqueue/HXKQueueUnixServer.h"
 #include "platform/socket_address.h"
 #include "sim/client_connection.h"
+#include "sim/server_life.h"
 
 namespace {
 
@@ -67,14 +68,16 @@ std::string reasonNotToListen(const std::string& path) {
 }  // namespace
 
 std::unique_ptr<Daemon> Daemon::start(const std::string& path, Inventory inventory,
-                                      std::string& error) {
+                                      const Behaviour& behaviour, std::string& error) {
     if (!mayTake(path, error)) return nullptr;
-    auto daemon = std::make_unique<Daemon>(Private(), path, std::move(inventory));
+    auto daemon = std::make_unique<Daemon>(Private(), path, std::move(inventory), behaviour);
     return daemon->listen(error) ? std::move(daemon) : nullptr;
 }
 
-Daemon::Daemon(Private /*unused*/, std::string socketPath, Inventory initialInventory)
+Daemon::Daemon(Private /*unused*/, std::string socketPath, Inventory initialInventory,
+               const Behaviour& wantedBehaviour)
     : path(std::move(socketPath)),
+      behaviour(wantedBehaviour),
       inventory(std::make_shared<Inventory>(std::move(initialInventory))) {}
 
 Daemon::~Daemon() {
@@ -89,11 +92,13 @@ void Daemon::stop() {
 }
 
 bool Daemon::listen(std::string& error) {
+    const auto servers = std::make_shared<ServerLife>(inventory, behaviour.latencyMs);
     loop = HXKQueue::initWithSubsystem(kSubsystem);
     if (!loop) {
         error = "cannot make an event loop";
         return false;
     }
+    servers->start(loop);
     loop->start();
     const auto server = loop->createUnixServer(path.c_str(), kEverybody);
     if (!server) {
@@ -105,12 +110,12 @@ bool Daemon::listen(std::string& error) {
         socketDevice = file.st_dev;
         socketInode = file.st_ino;
     }
-    loop->startObject(server, [weakLoop = std::weak_ptr(loop), shared = inventory](
+    loop->startObject(server, [weakLoop = std::weak_ptr(loop), servers](
                                   const auto& /*source*/, const char* bytes, uint64_t /*size*/,
                                   uint64_t* /*dropSize*/, int32_t /*code*/) {
         const auto* accepted = reinterpret_cast<const HXKQueueAcceptedConnection*>(bytes);
         const auto running = weakLoop.lock();
-        return running && ClientConnection::serve(running, shared, accepted->sock);
+        return running && ClientConnection::serve(running, servers, accepted->sock);
     });
     return true;
 }

@@ -1,5 +1,5 @@
 // The simulated daemon: listens on a Unix-domain path and serves any number of clients from one
-// inventory, on an event loop of its own.
+// inventory, which changes as time passes, on an event loop of its own.
 //
 // Threads    start, stop: the owner's. Everything else happens on the loop's I/O thread, which
 //            nothing here blocks.
@@ -12,6 +12,7 @@
 #include <string>
 
 #include "kqueue/HXKQueue.h"
+#include "sim/behaviour.h"
 #include "sim/inventory.h"
 
 class Daemon {
@@ -24,9 +25,11 @@ public:
     // the path from a daemon that answers there, or from a file that is no socket; a socket file
     // that a daemon left behind is replaced. Everybody may connect.
     [[nodiscard]] static std::unique_ptr<Daemon> start(const std::string& path, Inventory inventory,
+                                                       const Behaviour& behaviour,
                                                        std::string& error);
 
-    Daemon(Private /*only start makes one*/, std::string socketPath, Inventory initialInventory);
+    Daemon(Private /*only start makes one*/, std::string socketPath, Inventory initialInventory,
+           const Behaviour& behaviour);
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
     ~Daemon();  // stops a daemon that was not stopped
@@ -40,6 +43,7 @@ private:
     [[nodiscard]] bool isSocketFileOurs() const;
 
     std::string path;
+    const Behaviour behaviour;
     std::shared_ptr<Inventory> inventory;
     std::shared_ptr<HXKQueue> loop;  // null: never made, or stopped
     dev_t socketDevice = 0;

@@ -1,6 +1,7 @@
 #include "sim/inventory.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -12,16 +13,57 @@ bool matches(const Server& server, const ServerKey& key) {
     return server.host == address.host && server.port == address.port;
 }
 
-void disconnect(Server& server) {
-    server.connected = false;
-    for (Device& device : server.devices)
-        device.plugged = false;
+constexpr std::string_view kUnreachableHost = "unreachable.example";
+constexpr std::string_view kUnreachableDomain = ".unreachable.example";
+
+// What a request leads to, from every state.
+struct Course {
+    ServerState from;
+    ServerState onDisconnect;
+    ServerState onReconnect;
+};
+
+constexpr Course kCourses[] = {
+    {ServerState::Connecting, ServerState::Disconnecting, ServerState::Connecting},
+    {ServerState::Connected, ServerState::Disconnecting, ServerState::Disconnecting},
+    {ServerState::Disconnecting, ServerState::Disconnecting, ServerState::Disconnecting},
+    {ServerState::Disconnected, ServerState::Disconnected, ServerState::Connecting},
+    {ServerState::Failed, ServerState::Disconnected, ServerState::Connecting},
+};
+
+ServerState stateAfter(bool reconnect, ServerState state) {
+    const auto* course = std::find_if(std::begin(kCourses), std::end(kCourses),
+                                      [state](const Course& each) { return each.from == state; });
+    return reconnect ? course->onReconnect : course->onDisconnect;
 }
 
-void reconnect(Server& server) {
-    server.connected = true;
+// What time leads to.
+ServerState stateAfterStep(const Server& server) {
+    if (server.state == ServerState::Disconnecting)
+        return server.reconnects ? ServerState::Connecting : ServerState::Disconnected;
+    const bool unreachable =
+        server.host == kUnreachableHost || server.host.ends_with(kUnreachableDomain);
+    return unreachable ? ServerState::Failed : ServerState::Connected;
+}
+
+void settlePlugs(Server& server) {
     for (Device& device : server.devices)
-        device.plugged = device.replug;
+        device.plugged = server.state == ServerState::Connected && device.present && device.replug;
+}
+
+void enter(Server& server, ServerState state) {
+    if (server.state == state) return;
+    server.state = state;
+    ++server.stateChanges;
+    if (state == ServerState::Connected && !std::exchange(server.explored, true))
+        for (Device& device : server.devices)
+            device.present = true;
+    settlePlugs(server);
+}
+
+void redirect(Server& server, bool reconnect) {
+    server.reconnects = reconnect;
+    enter(server, stateAfter(reconnect, server.state));
 }
 
 std::optional<uint32_t> idAfter(uint32_t id) {
@@ -43,22 +85,26 @@ std::vector<Device> devicesOfNewServer(uint32_t serverId) {
              .pid = 0x1666,
              .rev = 0x0110,
              .port = "1-1",
-             .serial = "FD" + std::to_string(serverId)},
+             .serial = "FD" + std::to_string(serverId),
+             .present = false},
             {.id = 2,
              .name = "Keyboard",
              .vid = 0x046d,
              .pid = 0xc31c,
              .rev = 0x6402,
              .port = "1-2",
-             .serial = ""}};
+             .serial = "",
+             .present = false}};
 }
 
 }  // namespace
 
 Inventory::Inventory(std::vector<Server> initialServers)
     : known(std::move(initialServers)), nextId(idAfterAll(known)) {
-    for (Server& server : known)
-        if (!server.connected) disconnect(server);
+    for (Server& server : known) {
+        server.stateChanges = 1;
+        if (server.state != ServerState::Connected) settlePlugs(server);
+    }
 }
 
 Inventory::Addition Inventory::add(std::string_view host, uint16_t port) {
@@ -69,8 +115,10 @@ Inventory::Addition Inventory::add(std::string_view host, uint16_t port) {
     known.push_back({.id = id,
                      .host = std::string(host),
                      .port = port,
-                     .connected = true,
-                     .devices = devicesOfNewServer(id)});
+                     .state = ServerState::Connecting,
+                     .devices = devicesOfNewServer(id),
+                     .explored = false,
+                     .stateChanges = 1});
     nextId = idAfter(id);
     return {.status = Status::Ok, .id = id};
 }
@@ -83,19 +131,34 @@ Status Inventory::act(ServerAction action, const ServerKey& server) {
             known.erase(found);
             break;
         case ServerAction::Disconnect:
-            disconnect(*found);
+            redirect(*found, false);
             break;
         case ServerAction::Reconnect:
-            reconnect(*found);
+            redirect(*found, true);
             break;
     }
     return Status::Ok;
 }
 
+std::optional<Inventory::Step> Inventory::takeBegunStep() {
+    for (Server& server : known) {
+        if (!isPassing(server.state) || server.stepTaken == server.stateChanges) continue;
+        server.stepTaken = server.stateChanges;
+        return Step{.server = server.id, .number = server.stateChanges};
+    }
+    return std::nullopt;
+}
+
+void Inventory::advance(const Step& step) {
+    const auto found = find(step.server);
+    if (found == known.end() || found->stateChanges != step.number) return;
+    if (isPassing(found->state)) enter(*found, stateAfterStep(*found));
+}
+
 Status Inventory::plug(const ServerKey& server, uint32_t device, bool once) {
     const auto found = find(server);
     Device* wanted = findDevice(found, device);
-    if (wanted == nullptr || !found->connected) return Status::NotFound;
+    if (wanted == nullptr || found->state != ServerState::Connected) return Status::NotFound;
     if (wanted->plugged) return Status::Already;
     wanted->plugged = true;
     wanted->replug = !once;
@@ -116,7 +179,8 @@ Inventory::Position Inventory::find(const ServerKey& key) {
 
 Device* Inventory::findDevice(Position server, uint32_t id) {
     if (server == known.end()) return nullptr;
-    const auto device = std::find_if(server->devices.begin(), server->devices.end(),
-                                     [id](const Device& candidate) { return candidate.id == id; });
+    const auto device = std::find_if(
+        server->devices.begin(), server->devices.end(),
+        [id](const Device& candidate) { return candidate.id == id && candidate.present; });
     return device == server->devices.end() ? nullptr : &*device;
 }

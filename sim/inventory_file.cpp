@@ -15,6 +15,7 @@
 #include <limits>
 #include <memory>
 #include <set>
+#include <span>
 #include <utility>
 
 namespace {
@@ -23,8 +24,20 @@ namespace json = boost::json;
 
 constexpr uint16_t kDefaultPort = 33000;
 
+constexpr std::array<std::string_view, 2> kDeviceStateWords{"plugged", "unplugged"};
+constexpr size_t kPlugged = 0;
+constexpr size_t kUnplugged = 1;
+
 std::string quoted(std::string_view text) {
     return '"' + std::string(text) + '"';
+}
+
+// As in `"a", "b" or "c"`.
+std::string alternatives(std::span<const std::string_view> words) {
+    std::string list = quoted(words.front());
+    for (size_t i = 1; i < words.size(); ++i)
+        list += (i + 1 < words.size() ? ", " : " or ") + quoted(words[i]);
+    return list;
 }
 
 // Reads the members of one object. The first thing that is wrong is kept in error, behind the
@@ -64,12 +77,13 @@ public:
         return "";
     }
 
-    // Whether the word at key is yes rather than no. Absent: otherwise.
-    bool choice(std::string_view key, std::string_view yes, std::string_view no, bool otherwise) {
-        const std::string word = text(key, otherwise ? yes : no);
-        if (word != yes && word != no)
-            fail(quoted(key) + " must be " + quoted(yes) + " or " + quoted(no));
-        return word == yes;
+    // Which of the words stands at key. Absent: the one at otherwise.
+    size_t choice(std::string_view key, std::span<const std::string_view> words, size_t otherwise) {
+        const std::string word = text(key, words[otherwise]);
+        const auto found = std::find(words.begin(), words.end(), word);
+        if (found != words.end()) return static_cast<size_t>(found - words.begin());
+        fail(quoted(key) + " must be " + alternatives(words));
+        return otherwise;
     }
 
     // Calls element with each element of the array at key and the place where it stands.
@@ -113,7 +127,7 @@ Device readDevice(const json::value& value, const std::string& place, std::strin
     device.rev = members.integer<uint16_t>("rev", 0);
     device.port = members.text("port");
     device.serial = members.text("serial", "");
-    device.plugged = members.choice("state", "plugged", "unplugged", false);
+    device.plugged = members.choice("state", kDeviceStateWords, kUnplugged) == kPlugged;
     device.replug = device.plugged;
     return device;
 }
@@ -125,7 +139,8 @@ Server readServer(const json::value& value, const std::string& place, std::strin
     server.id = members.integer<uint32_t>("id");
     server.host = members.text("host");
     server.port = members.integer<uint16_t>("port", kDefaultPort);
-    server.connected = members.choice("state", "connected", "disconnected", true);
+    server.state = static_cast<ServerState>(
+        members.choice("state", kServerStateWords, static_cast<size_t>(ServerState::Connected)));
     std::set<uint32_t> ids;
     members.each("devices", false, [&](const json::value& item, const std::string& itemPlace) {
         const Device& device = server.devices.emplace_back(readDevice(item, itemPlace, error));

@@ -7,7 +7,8 @@
 //
 // May be left out: a server's "port" (33000), "state" ("connected") and "devices" (none); a
 // device's "rev" (0), "serial" (empty), "state" ("unplugged") and "addr" (which is not looked at).
-// Keys that are not known are errors, so that a slip of the pen shows.
+// A server's "state" is any that a list can show. Keys that are not known are errors, so that a
+// slip of the pen shows.
 #pragma once
 
 #include <optional>

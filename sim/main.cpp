@@ -58,7 +58,7 @@ int serve(const Options& options) {
     const sigset_t signals = blockEndingSignals();
     allowManyClients();
     const std::unique_ptr<Daemon> daemon =
-        Daemon::start(options.socketPath, std::move(*inventory), error);
+        Daemon::start(options.socketPath, std::move(*inventory), options.behaviour, error);
     if (!daemon) return fail(error, kFailed);
     std::printf("hxusbvd-sim: listening on %s\n", options.socketPath.c_str());
     std::fflush(stdout);

@@ -1,47 +1,105 @@
 #include "sim/options.h"
 
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <iterator>
 #include <string_view>
 
 const char* const kUsage =
-    "Usage: hxusbvd-sim [--socket PATH] [--inventory FILE]\n"
+    "Usage: hxusbvd-sim [--socket PATH] [--inventory FILE] [--latency MS]\n"
     "Simulates the daemon that hxusbvctl talks to, until it is sent SIGINT or SIGTERM.\n"
     "  --socket PATH     listen on PATH instead of /var/run/hxusbvctl.sock\n"
     "  --inventory FILE  start with the servers and devices that the JSON FILE describes\n"
+    "  --latency MS      connect and disconnect servers in MS milliseconds (300), at once with 0;\n"
+    "                    hosts unreachable.example and *.unreachable.example fail to connect\n"
     "  --help            print this help\n";
 
 namespace {
 
-// Where the value of the option goes, or null when there is no such option.
-std::string* valueOf(std::string_view option, Options& options) {
-    if (option == "--socket") return &options.socketPath;
-    if (option == "--inventory") return &options.inventoryFile.emplace();
-    return nullptr;
+constexpr uint32_t kLongestMs = 3'600'000;
+
+// Each returns what is wrong with the value, or nothing.
+
+template <uint32_t lowest, uint32_t highest>
+std::string readNumber(std::string_view value, uint32_t& number) {
+    uint32_t read = 0;
+    const char* end = value.data() + value.size();
+    const auto [stop, failure] = std::from_chars(value.data(), end, read);
+    if (failure != std::errc() || stop != end || read < lowest || read > highest)
+        return "must be a number from " + std::to_string(lowest) + " to " +
+               std::to_string(highest) + ", not \"" + std::string(value) + '"';
+    number = read;
+    return "";
+}
+
+std::string readText(std::string_view value, std::string& text) {
+    text = value;
+    return "";
+}
+
+struct OptionForm {
+    std::string_view name;
+    std::string (*read)(Options& options, std::string_view value);
+};
+
+const OptionForm kForms[] = {
+    {"--socket",
+     [](Options& options, std::string_view value) { return readText(value, options.socketPath); }},
+    {"--inventory",
+     [](Options& options, std::string_view value) {
+         return readText(value, options.inventoryFile.emplace());
+     }},
+    {"--latency",
+     [](Options& options, std::string_view value) {
+         return readNumber<0, kLongestMs>(value, options.behaviour.latencyMs);
+     }},
+};
+
+const OptionForm* findForm(std::string_view name) {
+    const auto* found = std::find_if(std::begin(kForms), std::end(kForms),
+                                     [name](const OptionForm& form) { return form.name == name; });
+    return found == std::end(kForms) ? nullptr : found;
+}
+
+using Arguments = std::span<const char* const>;
+
+// Reads the first argument, and its value if that is the next one. Returns what is behind them.
+Arguments readArgument(Arguments arguments, Options& options, std::string& error) {
+    const std::string argument = arguments.front();
+    Arguments rest = arguments.subspan(1);
+    if (argument == "--help") {
+        options.help = true;
+        return rest;
+    }
+    const size_t equals = argument.find('=');
+    const OptionForm* form = findForm(std::string_view(argument).substr(0, equals));
+    std::string value;
+    if (form == nullptr) {
+        error = "unknown argument: " + argument;
+        return rest;
+    }
+    if (equals != std::string::npos) {
+        value = argument.substr(equals + 1);
+    } else if (!rest.empty()) {
+        value = rest.front();
+        rest = rest.subspan(1);
+    } else {
+        error = argument + " needs a value";
+        return rest;
+    }
+    const std::string wrong = form->read(options, value);
+    if (!wrong.empty()) error = std::string(form->name) + ' ' + wrong;
+    return rest;
 }
 
 }  // namespace
 
 std::optional<Options> parseOptions(std::span<const char* const> arguments, std::string& error) {
     Options options;
-    for (size_t i = 0; i < arguments.size(); ++i) {
-        const std::string_view argument = arguments[i];
-        if (argument == "--help") {
-            options.help = true;
-            continue;
-        }
-        const size_t equals = argument.find('=');
-        std::string* value = valueOf(argument.substr(0, equals), options);
-        if (value == nullptr) {
-            error = "unknown argument: " + std::string(argument);
-            return std::nullopt;
-        }
-        if (equals != std::string_view::npos) {
-            *value = argument.substr(equals + 1);
-        } else if (i + 1 < arguments.size()) {
-            *value = arguments[++i];
-        } else {
-            error = std::string(argument) + " needs a value";
-            return std::nullopt;
-        }
-    }
+    error.clear();
+    for (auto rest = arguments; !rest.empty() && error.empty();)
+        rest = readArgument(rest, options, error);
+    if (!error.empty()) return std::nullopt;
     return options;
 }

@@ -6,10 +6,12 @@
 #include <string>
 
 #include "ipc/HXTarnIPCClient.h"
+#include "sim/behaviour.h"
 
 struct Options {
     std::string socketPath = kDaemonSocketPath;
     std::optional<std::string> inventoryFile;  // none: the built-in inventory
+    Behaviour behaviour;
     bool help = false;
 };
 

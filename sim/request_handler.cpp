@@ -79,11 +79,11 @@ json::object deviceRecord(const Server& server, const Device& device) {
 json::object serverRecord(const Server& server) {
     json::array devices;
     for (const Device& device : server.devices)
-        devices.emplace_back(deviceRecord(server, device));
+        if (device.present) devices.emplace_back(deviceRecord(server, device));
     return {{"id", server.id},
             {"host", server.host},
             {"port", server.port},
-            {"state", server.connected ? "connected" : "disconnected"},
+            {"state", wordOf(server.state)},
             {"devices", std::move(devices)}};
 }
 

@@ -2,12 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 
-#include "tests/e2e/control_path.h"
+#include "tests/e2e/daemon_on_control_path.h"
 #include "tests/e2e/utility.h"
 
 namespace {
@@ -15,38 +13,12 @@ namespace {
 constexpr int kUtilities = 100;
 constexpr int kRounds = 50;
 
-constexpr const char* kInventory =
-    R"({"servers":[{"id":3,"host":"box","devices":[)"
-    R"({"id":7,"name":"Maus","vid":1133,"pid":49271,"port":"1-1"},)"
-    R"({"id":8,"name":"Drucker","vid":1,"pid":2,"rev":3,"port":"1-2","serial":"Ω",)"
-    R"("state":"plugged"}]}]})";
+using Clock = std::chrono::steady_clock;
 
-class WithSimulatedDaemon : public ControlPathTest {
-protected:
-    void SetUp() override {
-        ControlPathTest::SetUp();
-        if (IsSkipped()) return;
-        std::string name = std::filesystem::temp_directory_path() / "e2eXXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        directory = name;
-        std::ofstream(directory / "inventory.json") << kInventory;
-    }
+constexpr std::chrono::seconds kPatience{60};
 
-    void TearDown() override {
-        if (!directory.empty()) std::filesystem::remove_all(directory);
-        ControlPathTest::TearDown();
-    }
-
-    // Returns once the daemon listens on the control path.
-    [[nodiscard]] RunningProgram start() const {
-        RunningProgram daemon({SIM_PROGRAM, "--inventory", directory / "inventory.json"});
-        EXPECT_TRUE(daemon.waitForOutput("hxusbvd-sim: listening on /var/run/hxusbvctl.sock\n"))
-            << daemon.finish().err;
-        return daemon;
-    }
-
-    std::filesystem::path directory;
-};
+// So long that nothing happens before a test is over.
+const Words kForever{"--latency", "3600000"};
 
 const Outcome kNoServer = failedWith(2, "The server has not been found.\n");
 const Outcome kNoDevice = failedWith(2, "The device has not been found.\n");
@@ -71,6 +43,48 @@ TEST_F(WithSimulatedDaemon, ServerLivesFromAddToRemove) {
     EXPECT_EQ(runUtility({"srv", "remove", "-i", "4"}), silentSuccess());
     EXPECT_EQ(runUtility({"srv", "remove", "-i", "4"}), kNoServer);
     EXPECT_EQ(runUtility({"srv", "list", "-D"}), printed("3 - box:33000 - connected\n"));
+}
+
+// Asks until the list is the expected one.
+void waitForServers(const std::string& expected) {
+    const Clock::time_point deadline = Clock::now() + kPatience;
+    Outcome last;
+    while (last != printed(expected) && Clock::now() < deadline)
+        last = runUtility({"srv", "list", "-D"});
+    EXPECT_EQ(last, printed(expected));
+}
+
+TEST_F(WithSimulatedDaemon, AddedServerIsConnectingAndThenConnected) {
+    const RunningProgram daemon = start({"--latency", "100"});
+    const Clock::time_point asked = Clock::now();
+    EXPECT_EQ(runUtility({"srv", "add", "new"}), printed("The server is added with Id: 4.\n"));
+    waitForServers("3 - box:33000 - connected\n4 - new:33000 - connected\n");
+    EXPECT_GE(Clock::now() - asked, std::chrono::milliseconds(100));
+    EXPECT_EQ(runUtility({"dev", "plug", "4:2"}), silentSuccess());
+}
+
+TEST_F(WithSimulatedDaemon, UnreachableServerFails) {
+    const RunningProgram daemon = start({"--latency", "1"});
+    EXPECT_EQ(runUtility({"srv", "add", "unreachable.example"}),
+              printed("The server is added with Id: 4.\n"));
+    waitForServers("3 - box:33000 - connected\n4 - unreachable.example:33000 - failed\n");
+}
+
+TEST_F(WithSimulatedDaemon, StatesInBetweenAreListed) {
+    const RunningProgram daemon = start(kForever);
+    EXPECT_EQ(runUtility({"srv", "add", "new"}), printed("The server is added with Id: 4.\n"));
+    EXPECT_EQ(runUtility({"srv", "add", "new"}),
+              failedWith(37, "The server has been already added.\n"));
+    EXPECT_EQ(runUtility({"srv", "reconnect", "-i", "3"}), silentSuccess());
+    EXPECT_EQ(runUtility({"srv", "list"}),
+              printed("3 - box:33000 - disconnecting\n"
+                      " 7\t046d:c077:0000\t1-1\tMaus /unplugged/\n"
+                      " 8\t0001:0002:0003\t1-2\tDrucker /unplugged, Ω/\n"
+                      "4 - new:33000 - connecting\n"));
+    EXPECT_EQ(runUtility({"dev", "plug", "3:7"}), kNoDevice);
+    EXPECT_EQ(runUtility({"dev", "plug", "4:1"}), kNoDevice);
+    EXPECT_EQ(runUtility({"srv", "remove", "-i", "4"}), silentSuccess());
+    EXPECT_EQ(runUtility({"srv", "list", "-D"}), printed("3 - box:33000 - disconnecting\n"));
 }
 
 TEST_F(WithSimulatedDaemon, ListsAreTheReports) {

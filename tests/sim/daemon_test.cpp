@@ -7,79 +7,25 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <vector>
 
-#include "tests/support/captured_run.h"
-#include "tests/support/unix_stream.h"
+#include "tests/sim/simulated_daemon.h"
 
 namespace {
 
 constexpr int kManyClients = 100;
 
-const std::string kListRequest = frame(0, "");
 const std::string kAddRequest = frame(1, R"({"host":"new","port":5})");
 const std::string kRemoveRequest = frame(2, R"({"action":"remove","id":9})");
 const std::string kPlugRequest =
     frame(3, R"({"action":"plug","server-id":3,"device-id":7,"once":false})");
 
-const std::string kListReply = frame(
-    0, R"({"status":"ok","servers":[{"id":3,"host":"box","port":33000,"state":"connected",)"
-       R"("devices":[{"id":7,"name":"Mouse","vid":1,"pid":2,"rev":0,"port":"1-1","serial":"",)"
-       R"("state":"unplugged","addr":null}]}]})");
+const std::string kListReply = listReply("connected");
 const std::string kOkReply = frame(3, R"({"status":"ok"})");
 const std::string kAlreadyReply = frame(3, R"({"status":"already"})");
 const std::string kNotFoundReply = frame(2, R"({"status":"notfound"})");
-
-class SimulatedDaemon : public testing::Test {
-protected:
-    void SetUp() override {
-        std::string name = std::filesystem::temp_directory_path() / "simXXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        directory = name;
-        path = directory / "sock";
-        inventoryPath = directory / "inventory.json";
-        std::ofstream(inventoryPath) << R"({"servers":[{"id":3,"host":"box","devices":[)"
-                                        R"({"id":7,"name":"Mouse","vid":1,"pid":2,"port":"1-1"})"
-                                        "]}]}";
-    }
-    void TearDown() override { std::filesystem::remove_all(directory); }
-
-    [[nodiscard]] std::vector<std::string> command() const {
-        return {SIM_PROGRAM, "--socket", path, "--inventory", inventoryPath};
-    }
-
-    // Returns once the daemon listens.
-    [[nodiscard]] RunningProgram start() const {
-        RunningProgram daemon(command());
-        EXPECT_TRUE(daemon.waitForOutput("listening on " + path.string() + "\n"))
-            << daemon.finish().err;
-        return daemon;
-    }
-
-    // A socket file at path whose owner is gone.
-    void leaveStaleSocket() const {
-        const int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.string().copy(address.sun_path, sizeof address.sun_path - 1);
-        ASSERT_EQ(bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        close(sock);
-    }
-
-    // What one client gets for what it sends.
-    [[nodiscard]] std::string exchange(std::string_view request) const {
-        const UnixStream client = UnixStream::connectTo(path);
-        EXPECT_TRUE(client.send(request));
-        return client.receiveFrame();
-    }
-
-    std::filesystem::path directory;
-    std::filesystem::path path;
-    std::filesystem::path inventoryPath;
-};
 
 TEST_F(SimulatedDaemon, EndsWithStatus0OnEitherSignalAndRemovesItsSocket) {
     for (const int number : {SIGTERM, SIGINT}) {

@@ -35,7 +35,7 @@ TEST(InventoryFile, ReadsEveryMember) {
     EXPECT_EQ(server.id, 4294967295U);
     EXPECT_EQ(server.host, "büro");
     EXPECT_EQ(server.port, 5);
-    EXPECT_TRUE(server.connected);
+    EXPECT_EQ(server.state, ServerState::Connected);
     ASSERT_EQ(server.devices.size(), 1U);
     const Device& device = server.devices[0];
     EXPECT_EQ(device.id, 7U);
@@ -58,11 +58,23 @@ TEST(InventoryFile, MembersMayBeLeftOut) {
     ASSERT_TRUE(inventory) << error;
     const Server& server = inventory->servers().at(0);
     EXPECT_EQ(server.port, 33000);
-    EXPECT_TRUE(server.connected);
+    EXPECT_EQ(server.state, ServerState::Connected);
     EXPECT_EQ(server.devices.at(0).rev, 0);
     EXPECT_EQ(server.devices.at(0).serial, "");
     EXPECT_FALSE(server.devices.at(0).plugged);
     EXPECT_TRUE(inventory->servers().at(1).devices.empty());
+}
+
+TEST(InventoryFile, EveryStateOfAServerIsRead) {
+    for (size_t state = 0; state < kServerStateWords.size(); ++state) {
+        std::string error;
+        const auto inventory =
+            parseInventory(withServer(R"("id":2,"host":"b","state":")" +
+                                      std::string(kServerStateWords[state]) + '"'),
+                           error);
+        ASSERT_TRUE(inventory) << error;
+        EXPECT_EQ(inventory->servers().at(1).state, static_cast<ServerState>(state));
+    }
 }
 
 TEST(InventoryFile, NoServersIsAnInventory) {
@@ -105,7 +117,8 @@ TEST(InventoryFile, WrongServerIsToldWithItsPlace) {
     EXPECT_EQ(errorOf(withServer(R"("id":2,"host":"b","port":65536)")),
               "servers[1]: \"port\" must be an integer from 0 to 65535");
     EXPECT_EQ(errorOf(withServer(R"("id":2,"host":"b","state":"Connected")")),
-              "servers[1]: \"state\" must be \"connected\" or \"disconnected\"");
+              "servers[1]: \"state\" must be \"connecting\", \"connected\", \"disconnecting\", "
+              "\"disconnected\" or \"failed\"");
     EXPECT_EQ(errorOf(withServer(R"("id":2,"host":"b","devices":null)")),
               "servers[1]: \"devices\" must be an array");
     EXPECT_EQ(errorOf(withServer(R"("id":2,"host":"b","hots":1)")),

@@ -25,11 +25,25 @@ Device device(uint32_t id, bool plugged = false) {
 }
 
 Server server(uint32_t id, std::vector<Device> devices = {}) {
-    return {.id = id,
-            .host = "box" + std::to_string(id),
-            .port = 33000,
-            .connected = true,
-            .devices = std::move(devices)};
+    return {
+        .id = id, .host = "box" + std::to_string(id), .port = 33000, .devices = std::move(devices)};
+}
+
+// Completes every step, and those that follow.
+void settle(Inventory& inventory) {
+    while (const auto step = inventory.takeBegunStep())
+        inventory.advance(*step);
+}
+
+// The step that must have begun.
+Inventory::Step takeStep(Inventory& inventory) {
+    const auto step = inventory.takeBegunStep();
+    EXPECT_TRUE(step);
+    return step.value_or(Inventory::Step{});
+}
+
+ServerState stateOf(const Inventory& inventory) {
+    return inventory.servers().at(0).state;
 }
 
 const Device& firstDevice(const Inventory& inventory) {
@@ -44,17 +58,20 @@ TEST(Inventory, FirstServerOfAnEmptyOneGetsId1) {
     ASSERT_EQ(inventory.servers().size(), 1U);
     EXPECT_EQ(inventory.servers()[0].host, "box");
     EXPECT_EQ(inventory.servers()[0].port, 5);
-    EXPECT_TRUE(inventory.servers()[0].connected);
+    EXPECT_EQ(stateOf(inventory), ServerState::Connecting);
 }
 
 TEST(Inventory, NewServerOffersOneDeviceWithASerialNumberAndOneWithout) {
     Inventory inventory({});
     ASSERT_EQ(inventory.add("box", 5).status, Status::Ok);
+    settle(inventory);
+    EXPECT_EQ(stateOf(inventory), ServerState::Connected);
     const std::vector<Device>& devices = inventory.servers().at(0).devices;
     ASSERT_EQ(devices.size(), 2U);
     EXPECT_EQ(devices[0].serial, "FD1");
     EXPECT_EQ(devices[1].serial, "");
     EXPECT_FALSE(devices[0].plugged);
+    EXPECT_TRUE(devices[0].present && devices[1].present);
 }
 
 TEST(Inventory, NewServerGetsTheIdAfterTheHighest) {
@@ -131,14 +148,19 @@ TEST(Inventory, PlugThenUnplugAndEachTwiceIsAlready) {
     EXPECT_EQ(inventory.unplug(1U, 1), Status::Already);
 }
 
-TEST(Inventory, DisconnectUnplugsAndReconnectPlugsAgain) {
+TEST(Inventory, DisconnectUnplugsAtOnceAndReconnectPlugsAgainWhenItCompletes) {
     Inventory inventory({server(1, {device(1)})});
     ASSERT_EQ(inventory.plug(1U, 1, false), Status::Ok);
     EXPECT_EQ(inventory.act(ServerAction::Disconnect, 1U), Status::Ok);
-    EXPECT_FALSE(inventory.servers()[0].connected);
+    EXPECT_EQ(stateOf(inventory), ServerState::Disconnecting);
     EXPECT_FALSE(firstDevice(inventory).plugged);
+    settle(inventory);
+    EXPECT_EQ(stateOf(inventory), ServerState::Disconnected);
     EXPECT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
-    EXPECT_TRUE(inventory.servers()[0].connected);
+    EXPECT_EQ(stateOf(inventory), ServerState::Connecting);
+    EXPECT_FALSE(firstDevice(inventory).plugged);
+    settle(inventory);
+    EXPECT_EQ(stateOf(inventory), ServerState::Connected);
     EXPECT_TRUE(firstDevice(inventory).plugged);
 }
 
@@ -146,15 +168,23 @@ TEST(Inventory, DeviceThatWasPluggedOnceStaysUnpluggedAfterReconnect) {
     Inventory inventory({server(1, {device(1)})});
     ASSERT_EQ(inventory.plug(1U, 1, true), Status::Ok);
     EXPECT_EQ(inventory.act(ServerAction::Disconnect, 1U), Status::Ok);
+    settle(inventory);
     EXPECT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    settle(inventory);
     EXPECT_FALSE(firstDevice(inventory).plugged);
 }
 
-TEST(Inventory, ReconnectOfAConnectedServerUnplugsWhatWasPluggedOnce) {
+TEST(Inventory, ReconnectOfAConnectedServerDisconnectsItFirst) {
     Inventory inventory({server(1, {device(1), device(2)})});
     ASSERT_EQ(inventory.plug(1U, 1, true), Status::Ok);
     ASSERT_EQ(inventory.plug(1U, 2, false), Status::Ok);
     EXPECT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    EXPECT_EQ(stateOf(inventory), ServerState::Disconnecting);
+    EXPECT_FALSE(inventory.servers()[0].devices[1].plugged);
+    inventory.advance(takeStep(inventory));
+    EXPECT_EQ(stateOf(inventory), ServerState::Connecting);
+    inventory.advance(takeStep(inventory));
+    EXPECT_EQ(stateOf(inventory), ServerState::Connected);
     EXPECT_FALSE(inventory.servers()[0].devices[0].plugged);
     EXPECT_TRUE(inventory.servers()[0].devices[1].plugged);
 }
@@ -163,15 +193,148 @@ TEST(Inventory, SecondDisconnectKeepsWhatTheReconnectWillPlug) {
     Inventory inventory({server(1, {device(1, true)})});
     EXPECT_EQ(inventory.act(ServerAction::Disconnect, 1U), Status::Ok);
     EXPECT_EQ(inventory.act(ServerAction::Disconnect, 1U), Status::Ok);
+    settle(inventory);
+    EXPECT_EQ(inventory.act(ServerAction::Disconnect, 1U), Status::Ok);
+    EXPECT_EQ(stateOf(inventory), ServerState::Disconnected);
     EXPECT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    settle(inventory);
     EXPECT_TRUE(firstDevice(inventory).plugged);
 }
 
-TEST(Inventory, DeviceOfADisconnectedServerCannotBePlugged) {
-    Inventory inventory({server(1, {device(1)})});
-    ASSERT_EQ(inventory.act(ServerAction::Disconnect, 1U), Status::Ok);
-    EXPECT_EQ(inventory.plug(1U, 1, false), Status::NotFound);
+TEST(Inventory, SecondReconnectChangesNothing) {
+    Inventory inventory({server(1, {device(1, true)})});
+    EXPECT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    const Inventory::Step disconnecting = takeStep(inventory);
+    EXPECT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    EXPECT_FALSE(inventory.takeBegunStep());
+    inventory.advance(disconnecting);
+    const Inventory::Step connecting = takeStep(inventory);
+    EXPECT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    EXPECT_FALSE(inventory.takeBegunStep());
+    inventory.advance(connecting);
+    EXPECT_EQ(stateOf(inventory), ServerState::Connected);
+    EXPECT_TRUE(firstDevice(inventory).plugged);
+}
+
+TEST(Inventory, DisconnectWhileConnectingBreaksThatOff) {
+    Inventory inventory({});
+    ASSERT_EQ(inventory.add("box", 5).status, Status::Ok);
+    const Inventory::Step connecting = takeStep(inventory);
+    EXPECT_EQ(inventory.act(ServerAction::Disconnect, 1U), Status::Ok);
+    EXPECT_EQ(stateOf(inventory), ServerState::Disconnecting);
+    inventory.advance(connecting);
+    EXPECT_EQ(stateOf(inventory), ServerState::Disconnecting);
+    settle(inventory);
+    EXPECT_EQ(stateOf(inventory), ServerState::Disconnected);
+    inventory.advance(connecting);
+    EXPECT_EQ(stateOf(inventory), ServerState::Disconnected);
+}
+
+TEST(Inventory, LaterOfDisconnectAndReconnectCountsWhileDisconnecting) {
+    Inventory inventory({server(1)});
+    EXPECT_EQ(inventory.act(ServerAction::Disconnect, 1U), Status::Ok);
+    EXPECT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    EXPECT_EQ(stateOf(inventory), ServerState::Disconnecting);
+    settle(inventory);
+    EXPECT_EQ(stateOf(inventory), ServerState::Connected);
+    EXPECT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    EXPECT_EQ(inventory.act(ServerAction::Disconnect, 1U), Status::Ok);
+    settle(inventory);
+    EXPECT_EQ(stateOf(inventory), ServerState::Disconnected);
+}
+
+TEST(Inventory, StepOfARemovedServerDoesNothing) {
+    Inventory inventory({});
+    ASSERT_EQ(inventory.add("box", 5).id, 1U);
+    const Inventory::Step connecting = takeStep(inventory);
+    ASSERT_EQ(inventory.act(ServerAction::Remove, 1U), Status::Ok);
+    inventory.advance(connecting);
+    EXPECT_TRUE(inventory.servers().empty());
+    ASSERT_EQ(inventory.add("box", 5).id, 2U);
+    inventory.advance(connecting);
+    EXPECT_EQ(stateOf(inventory), ServerState::Connecting);
+}
+
+TEST(Inventory, StepIsCompletedOnce) {
+    Inventory inventory({});
+    ASSERT_EQ(inventory.add("box", 5).id, 1U);
+    const Inventory::Step connecting = takeStep(inventory);
+    inventory.advance(connecting);
+    ASSERT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    inventory.advance(connecting);
+    EXPECT_EQ(stateOf(inventory), ServerState::Disconnecting);
+}
+
+TEST(Inventory, EveryServerThatHasBegunAStepIsTold) {
+    Inventory inventory({server(1), server(2), server(3)});
+    EXPECT_FALSE(inventory.takeBegunStep());
+    ASSERT_EQ(inventory.act(ServerAction::Disconnect, 3U), Status::Ok);
+    ASSERT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    std::set<uint32_t> begun;
+    while (const auto step = inventory.takeBegunStep())
+        EXPECT_TRUE(begun.insert(step->server).second);
+    EXPECT_EQ(begun, (std::set<uint32_t>{1, 3}));
+}
+
+TEST(Inventory, SameServerIsAlreadyThereWhileItConnectsAndWhenItHasFailed) {
+    Inventory inventory({});
+    ASSERT_EQ(inventory.add("unreachable.example", 5).status, Status::Ok);
+    EXPECT_EQ(inventory.add("unreachable.example", 5).status, Status::Already);
+    settle(inventory);
+    EXPECT_EQ(inventory.add("unreachable.example", 5).status, Status::Already);
+    EXPECT_EQ(inventory.servers().size(), 1U);
+}
+
+TEST(Inventory, UnreachableServersFailWheneverTheyConnect) {
+    for (const char* host : {"unreachable.example", "a.unreachable.example"}) {
+        Inventory inventory({});
+        ASSERT_EQ(inventory.add(host, 5).status, Status::Ok);
+        settle(inventory);
+        EXPECT_EQ(stateOf(inventory), ServerState::Failed) << host;
+        EXPECT_FALSE(firstDevice(inventory).present) << host;
+        EXPECT_EQ(inventory.plug(1U, 1, false), Status::NotFound) << host;
+        ASSERT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+        EXPECT_EQ(stateOf(inventory), ServerState::Connecting) << host;
+        settle(inventory);
+        EXPECT_EQ(stateOf(inventory), ServerState::Failed) << host;
+        ASSERT_EQ(inventory.act(ServerAction::Disconnect, 1U), Status::Ok);
+        EXPECT_EQ(stateOf(inventory), ServerState::Disconnected) << host;
+    }
+}
+
+TEST(Inventory, OtherHostsAreReachable) {
+    for (const char* host : {"unreachable.example.org", "notunreachable.example", "unreachable",
+                             ".example", "unreachable.example."}) {
+        Inventory inventory({});
+        ASSERT_EQ(inventory.add(host, 5).status, Status::Ok);
+        settle(inventory);
+        EXPECT_EQ(stateOf(inventory), ServerState::Connected) << host;
+    }
+}
+
+TEST(Inventory, ServersThatStartInAPassingStateGoOn) {
+    Server connecting = server(1, {device(1, true)});
+    connecting.state = ServerState::Connecting;
+    Server disconnecting = server(2);
+    disconnecting.state = ServerState::Disconnecting;
+    Inventory inventory({connecting, disconnecting});
     EXPECT_FALSE(firstDevice(inventory).plugged);
+    settle(inventory);
+    EXPECT_EQ(inventory.servers()[0].state, ServerState::Connected);
+    EXPECT_TRUE(firstDevice(inventory).plugged);
+    EXPECT_EQ(inventory.servers()[1].state, ServerState::Disconnected);
+}
+
+TEST(Inventory, DeviceOfAServerThatIsNotConnectedCannotBePlugged) {
+    for (const ServerState state : {ServerState::Connecting, ServerState::Disconnecting,
+                                    ServerState::Disconnected, ServerState::Failed}) {
+        Server apart = server(1, {device(1)});
+        apart.state = state;
+        Inventory inventory({apart});
+        EXPECT_EQ(inventory.plug(1U, 1, false), Status::NotFound) << wordOf(state);
+        EXPECT_EQ(inventory.unplug(1U, 1), Status::Already) << wordOf(state);
+        EXPECT_FALSE(firstDevice(inventory).plugged) << wordOf(state);
+    }
 }
 
 TEST(Inventory, UnplugWhileDisconnectedPreventsTheReplug) {
@@ -179,6 +342,8 @@ TEST(Inventory, UnplugWhileDisconnectedPreventsTheReplug) {
     ASSERT_EQ(inventory.act(ServerAction::Disconnect, 1U), Status::Ok);
     EXPECT_EQ(inventory.unplug(1U, 1), Status::Already);
     ASSERT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    settle(inventory);
+    EXPECT_EQ(stateOf(inventory), ServerState::Connected);
     EXPECT_FALSE(firstDevice(inventory).plugged);
 }
 
@@ -186,15 +351,18 @@ TEST(Inventory, UnpluggedDeviceIsNotPluggedByReconnect) {
     Inventory inventory({server(1, {device(1, true)})});
     ASSERT_EQ(inventory.unplug(1U, 1), Status::Ok);
     ASSERT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    settle(inventory);
+    EXPECT_EQ(stateOf(inventory), ServerState::Connected);
     EXPECT_FALSE(firstDevice(inventory).plugged);
 }
 
 TEST(Inventory, DevicePluggedInADisconnectedServerWaitsForTheReconnect) {
     Server disconnected = server(1, {device(1, true)});
-    disconnected.connected = false;
+    disconnected.state = ServerState::Disconnected;
     Inventory inventory({disconnected});
     EXPECT_FALSE(firstDevice(inventory).plugged);
     ASSERT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    settle(inventory);
     EXPECT_TRUE(firstDevice(inventory).plugged);
 }
 
@@ -226,7 +394,8 @@ TEST(BuiltInInventory, HasAnExampleOfEachKind) {
     bool foreignName = false;
     const Inventory inventory = builtInInventory();
     for (const Server& known : inventory.servers()) {
-        (known.connected ? connected : disconnected) = true;
+        if (known.state == ServerState::Connected) connected = true;
+        if (known.state == ServerState::Disconnected) disconnected = true;
         if (known.devices.empty()) withoutDevices = true;
         for (const Device& offered : known.devices) {
             (offered.plugged ? plugged : unplugged) = true;

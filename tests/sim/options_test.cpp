@@ -25,6 +25,34 @@ TEST(SimOptions, DefaultsAreTheDaemonsPathAndTheBuiltInInventory) {
     EXPECT_FALSE(options->help);
 }
 
+TEST(SimOptions, DefaultLatencyIsShort) {
+    const auto options = parse({});
+    ASSERT_TRUE(options);
+    EXPECT_EQ(options->behaviour.latencyMs, 300U);
+}
+
+TEST(SimOptions, LatencyIsReadUpToAnHour) {
+    for (const uint32_t ms : {0U, 1U, 3'600'000U}) {
+        const auto options = parse({"--latency", std::to_string(ms).c_str()});
+        ASSERT_TRUE(options);
+        EXPECT_EQ(options->behaviour.latencyMs, ms);
+    }
+}
+
+TEST(SimOptions, NumbersAreReadStrictly) {
+    for (const std::string value :
+         {"", " 1", "1 ", "-1", "+1", "0x10", "1.5", "1ms", "3600001", "99999999999999999999"}) {
+        const std::string tail = " to 3600000, not \"" + value + '"';
+        EXPECT_EQ(errorOf({"--latency", value.c_str()}),
+                  "--latency must be a number from 0" + tail);
+    }
+}
+
+TEST(SimOptions, FirstOfSeveralErrorsIsTold) {
+    EXPECT_EQ(errorOf({"--latency", "x", "--sockets"}),
+              "--latency must be a number from 0 to 3600000, not \"x\"");
+}
+
 TEST(SimOptions, ValueStandsInTheNextArgumentOrBehindAnEqualsSign) {
     const auto apart = parse({"--socket", "a", "--inventory", "b"});
     const auto joined = parse({"--inventory=b", "--socket=a"});
@@ -62,6 +90,7 @@ TEST(SimOptions, WrongOnesAreNamed) {
     EXPECT_EQ(errorOf({"--help=yes"}), "unknown argument: --help=yes");
     EXPECT_EQ(errorOf({"--socket"}), "--socket needs a value");
     EXPECT_EQ(errorOf({"--socket=a", "--inventory"}), "--inventory needs a value");
+    EXPECT_EQ(errorOf({"--latency"}), "--latency needs a value");
 }
 
 }  // namespace

@@ -12,10 +12,14 @@ protected:
         return answerRequest(inventory, command, payload).value_or("(malformed)");
     }
 
+    void settle() {
+        while (const auto step = inventory.takeBegunStep())
+            inventory.advance(*step);
+    }
+
     Inventory inventory{{{.id = 3,
                           .host = "box",
                           .port = 33000,
-                          .connected = true,
                           .devices = {{.id = 7,
                                        .name = "Maus \"ä\"",
                                        .vid = 1133,
@@ -44,8 +48,29 @@ TEST_F(RequestHandler, ListShowsTheStatesThatResult) {
     EXPECT_NE(answer(kListServers, "").find(R"("state":"plugged","addr":"virtual-3-7")"),
               std::string::npos);
     ASSERT_EQ(answer(kServerAction, R"({"action":"disconnect","id":3})"), kOk);
-    EXPECT_NE(answer(kListServers, "").find(R"("state":"disconnected")"), std::string::npos);
+    EXPECT_NE(answer(kListServers, "").find(R"("state":"disconnecting")"), std::string::npos);
     EXPECT_NE(answer(kListServers, "").find(R"("state":"unplugged","addr":null)"),
+              std::string::npos);
+}
+
+TEST_F(RequestHandler, ListHasTheWordOfEveryState) {
+    Server server = inventory.servers().at(0);
+    for (size_t state = 0; state < kServerStateWords.size(); ++state) {
+        server.state = static_cast<ServerState>(state);
+        inventory = Inventory({server});
+        EXPECT_NE(answer(kListServers, "")
+                      .find(R"("state":")" + std::string(kServerStateWords[state]) + '"'),
+                  std::string::npos);
+    }
+}
+
+TEST_F(RequestHandler, AddedServerShowsItsDevicesWhenItIsConnected) {
+    inventory = Inventory({});
+    ASSERT_EQ(answer(kAddServer, R"({"host":"new","port":5})"), R"({"status":"ok","id":1})");
+    EXPECT_NE(answer(kListServers, "").find(R"("state":"connecting","devices":[])"),
+              std::string::npos);
+    settle();
+    EXPECT_NE(answer(kListServers, "").find(R"("state":"connected","devices":[{"id":1,)"),
               std::string::npos);
 }
 
@@ -116,6 +141,7 @@ TEST_F(RequestHandler, OnceIsRemembered) {
         ASSERT_EQ(answer(kDeviceAction, plug), kOk);
         ASSERT_EQ(answer(kServerAction, R"({"action":"disconnect","id":3})"), kOk);
         ASSERT_EQ(answer(kServerAction, R"({"action":"reconnect","id":3})"), kOk);
+        settle();
         const bool plugged = std::string_view(once) == "false";
         EXPECT_EQ(inventory.servers().at(0).devices.at(0).plugged, plugged) << once;
     }
