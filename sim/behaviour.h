@@ -2,7 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 struct Behaviour {
-    uint32_t latencyMs = 300;  // how long a server connects and disconnects
+    uint32_t latencyMs = 300;          // how long a server connects and disconnects
+    std::optional<uint32_t> eventsMs;  // how often a device comes or goes; none: never
+    uint32_t seed = 1;                 // which one
 };

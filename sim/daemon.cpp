@@ -9,12 +9,15 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <new>
 #include <utility>
 
 #include "kqueue/HXKQueueAcceptedConnection.h"
+#include "kqueue/HXKQueueTimer.h"
 #include "kqueue/HXKQueueUnixServer.h"
 #include "platform/socket_address.h"
 #include "sim/client_connection.h"
+#include "sim/device_traffic.h"
 #include "sim/server_life.h"
 
 namespace {
@@ -99,7 +102,12 @@ bool Daemon::listen(std::string& error) {
         return false;
     }
     servers->start(loop);
+    const bool trafficStarted = startDeviceTraffic();
     loop->start();
+    if (!trafficStarted) {
+        error = "cannot make a timer";
+        return false;
+    }
     const auto server = loop->createUnixServer(path.c_str(), kEverybody);
     if (!server) {
         error = "cannot listen on " + path + reasonNotToListen(path);
@@ -118,6 +126,22 @@ bool Daemon::listen(std::string& error) {
         return running && ClientConnection::serve(running, servers, accepted->sock);
     });
     return true;
+}
+
+bool Daemon::startDeviceTraffic() noexcept {
+    if (!behaviour.eventsMs) return true;
+    try {
+        HXKQueueEventBlock block = [shared = inventory, traffic = std::make_shared<DeviceTraffic>(
+                                                            behaviour.seed)](auto&&...) {
+            traffic->happen(*shared);
+            return true;
+        };
+        const auto timer = loop->createTimer(*behaviour.eventsMs, false);
+        if (timer) loop->startObject(timer, std::move(block));
+        return timer != nullptr;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 bool Daemon::isSocketFileOurs() const {

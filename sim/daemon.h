@@ -40,6 +40,7 @@ public:
 
 private:
     [[nodiscard]] bool listen(std::string& error);
+    [[nodiscard]] bool startDeviceTraffic() noexcept;
     [[nodiscard]] bool isSocketFileOurs() const;
 
     std::string path;

@@ -172,6 +172,26 @@ Status Inventory::unplug(const ServerKey& server, uint32_t device) {
     return std::exchange(wanted->plugged, false) ? Status::Ok : Status::Already;
 }
 
+size_t Inventory::countConnectedDevices() const {
+    size_t count = 0;
+    for (const Server& server : known)
+        if (server.state == ServerState::Connected) count += server.devices.size();
+    return count;
+}
+
+void Inventory::comeOrGo(size_t connectedDevice) {
+    for (Server& server : known) {
+        if (server.state != ServerState::Connected) continue;
+        if (connectedDevice < server.devices.size()) {
+            Device& device = server.devices[connectedDevice];
+            device.present = !device.present;
+            device.plugged = device.present && device.replug;
+            return;
+        }
+        connectedDevice -= server.devices.size();
+    }
+}
+
 Inventory::Position Inventory::find(const ServerKey& key) {
     return std::find_if(known.begin(), known.end(),
                         [&key](const Server& server) { return matches(server, key); });

@@ -6,8 +6,9 @@
 // disconnecting one ends up disconnected, or connecting if a reconnect was asked for.
 //
 // A device is plugged or unplugged. One that was plugged without once is plugged again whenever
-// its server is connected again, until it is unplugged. A server that is not connected keeps its
-// devices, all unplugged; they cannot be plugged until it is connected.
+// its server is connected again, or it comes back itself, until it is unplugged. A server that is
+// not connected keeps its devices, all unplugged; they cannot be plugged until it is connected. A
+// device that is gone keeps its id, but until it comes back no operation finds it.
 //
 // Threads    none of its own: one thread at a time.
 // Errors     a status. Operations that add something throw std::bad_alloc and then change
@@ -32,8 +33,8 @@ struct Device {
     std::string port;
     std::string serial;  // may be empty
     bool plugged = false;
-    bool replug = false;  // plugged again when its server is connected again
-    bool present = true;  // false: its server has not been connected yet
+    bool replug = false;  // plugged again when it and its connection are back
+    bool present = true;  // false: gone
 };
 
 struct Server {
@@ -100,6 +101,12 @@ public:
 
     // Ok, Already or NotFound. A device that is found is not plugged again by itself.
     [[nodiscard]] Status unplug(const ServerKey& server, uint32_t device);
+
+    // How many devices the connected servers have, the gone ones included.
+    [[nodiscard]] size_t countConnectedDevices() const;
+
+    // Lets one of those go, or come back if it is gone. They count from 0, server by server.
+    void comeOrGo(size_t connectedDevice);
 
 private:
     using Position = std::vector<Server>::iterator;

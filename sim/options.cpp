@@ -4,25 +4,38 @@
 #include <charconv>
 #include <cstdint>
 #include <iterator>
+#include <limits>
 #include <string_view>
+#include <utility>
 
 const char* const kUsage =
     "Usage: hxusbvd-sim [--socket PATH] [--inventory FILE] [--latency MS]\n"
+    "                   [--events[=MS] [--seed N]]\n"
     "Simulates the daemon that hxusbvctl talks to, until it is sent SIGINT or SIGTERM.\n"
     "  --socket PATH     listen on PATH instead of /var/run/hxusbvctl.sock\n"
     "  --inventory FILE  start with the servers and devices that the JSON FILE describes\n"
     "  --latency MS      connect and disconnect servers in MS milliseconds (300), at once with 0;\n"
     "                    hosts unreachable.example and *.unreachable.example fail to connect\n"
+    "  --events[=MS]     have a device of a connected server go or come back every MS\n"
+    "                    milliseconds (2000)\n"
+    "  --seed N          choose those devices by the random numbers of seed N (1)\n"
     "  --help            print this help\n";
 
 namespace {
 
 constexpr uint32_t kLongestMs = 3'600'000;
+constexpr const char* kDefaultEventsMs = "2000";
+
+// What the arguments say, one by one.
+struct Reading {
+    Options options;
+    std::optional<uint32_t> seed;
+};
 
 // Each returns what is wrong with the value, or nothing.
 
-template <uint32_t lowest, uint32_t highest>
-std::string readNumber(std::string_view value, uint32_t& number) {
+template <uint32_t lowest, uint32_t highest, typename Number>
+std::string readNumber(std::string_view value, Number& number) {
     uint32_t read = 0;
     const char* end = value.data() + value.size();
     const auto [stop, failure] = std::from_chars(value.data(), end, read);
@@ -40,19 +53,30 @@ std::string readText(std::string_view value, std::string& text) {
 
 struct OptionForm {
     std::string_view name;
-    std::string (*read)(Options& options, std::string_view value);
+    const char* otherwise;  // the value of an option that is given without one; null: it needs one
+    std::string (*read)(Reading& reading, std::string_view value);
 };
 
 const OptionForm kForms[] = {
-    {"--socket",
-     [](Options& options, std::string_view value) { return readText(value, options.socketPath); }},
-    {"--inventory",
-     [](Options& options, std::string_view value) {
-         return readText(value, options.inventoryFile.emplace());
+    {"--socket", nullptr,
+     [](Reading& reading, std::string_view value) {
+         return readText(value, reading.options.socketPath);
      }},
-    {"--latency",
-     [](Options& options, std::string_view value) {
-         return readNumber<0, kLongestMs>(value, options.behaviour.latencyMs);
+    {"--inventory", nullptr,
+     [](Reading& reading, std::string_view value) {
+         return readText(value, reading.options.inventoryFile.emplace());
+     }},
+    {"--latency", nullptr,
+     [](Reading& reading, std::string_view value) {
+         return readNumber<0, kLongestMs>(value, reading.options.behaviour.latencyMs);
+     }},
+    {"--events", kDefaultEventsMs,
+     [](Reading& reading, std::string_view value) {
+         return readNumber<1, kLongestMs>(value, reading.options.behaviour.eventsMs);
+     }},
+    {"--seed", nullptr,
+     [](Reading& reading, std::string_view value) {
+         return readNumber<0, std::numeric_limits<uint32_t>::max()>(value, reading.seed);
      }},
 };
 
@@ -65,11 +89,11 @@ const OptionForm* findForm(std::string_view name) {
 using Arguments = std::span<const char* const>;
 
 // Reads the first argument, and its value if that is the next one. Returns what is behind them.
-Arguments readArgument(Arguments arguments, Options& options, std::string& error) {
+Arguments readArgument(Arguments arguments, Reading& reading, std::string& error) {
     const std::string argument = arguments.front();
     Arguments rest = arguments.subspan(1);
     if (argument == "--help") {
-        options.help = true;
+        reading.options.help = true;
         return rest;
     }
     const size_t equals = argument.find('=');
@@ -81,6 +105,8 @@ Arguments readArgument(Arguments arguments, Options& options, std::string& error
     }
     if (equals != std::string::npos) {
         value = argument.substr(equals + 1);
+    } else if (form->otherwise != nullptr) {
+        value = form->otherwise;
     } else if (!rest.empty()) {
         value = rest.front();
         rest = rest.subspan(1);
@@ -88,18 +114,28 @@ Arguments readArgument(Arguments arguments, Options& options, std::string& error
         error = argument + " needs a value";
         return rest;
     }
-    const std::string wrong = form->read(options, value);
+    const std::string wrong = form->read(reading, value);
     if (!wrong.empty()) error = std::string(form->name) + ' ' + wrong;
     return rest;
+}
+
+// What some of the arguments mean for others.
+std::optional<Options> combine(Reading& reading, std::string& error) {
+    Behaviour& behaviour = reading.options.behaviour;
+    if (reading.seed && !behaviour.eventsMs) {
+        error = "--seed is of no use without --events";
+        return std::nullopt;
+    }
+    behaviour.seed = reading.seed.value_or(behaviour.seed);
+    return std::move(reading.options);
 }
 
 }  // namespace
 
 std::optional<Options> parseOptions(std::span<const char* const> arguments, std::string& error) {
-    Options options;
+    Reading reading;
     error.clear();
     for (auto rest = arguments; !rest.empty() && error.empty();)
-        rest = readArgument(rest, options, error);
-    if (!error.empty()) return std::nullopt;
-    return options;
+        rest = readArgument(rest, reading, error);
+    return error.empty() ? combine(reading, error) : std::nullopt;
 }

@@ -87,6 +87,22 @@ TEST_F(WithSimulatedDaemon, StatesInBetweenAreListed) {
     EXPECT_EQ(runUtility({"srv", "list", "-D"}), printed("3 - box:33000 - disconnecting\n"));
 }
 
+TEST_F(WithSimulatedDaemon, DevicesComeAndGoByThemselves) {
+    const RunningProgram daemon = start({"--events=100"});
+    const Outcome both = printed(
+        "3:7 - 046d:c077:0000 - Maus, 1-1, unplugged\n"
+        "3:8 - 0001:0002:0003 - Drucker, 1-2, Ω, plugged\n");
+    const Clock::time_point deadline = Clock::now() + kPatience;
+    bool oneIsGone = false;
+    bool bothAreBack = false;
+    while (!bothAreBack && Clock::now() < deadline) {
+        const bool complete = runUtility({"dev"}) == both;
+        if (complete) bothAreBack = oneIsGone;
+        if (!complete) oneIsGone = true;
+    }
+    EXPECT_TRUE(bothAreBack);
+}
+
 TEST_F(WithSimulatedDaemon, ListsAreTheReports) {
     const RunningProgram daemon = start();
     EXPECT_EQ(runUtility({"srv"}), printed("3 - box:33000 - connected\n"

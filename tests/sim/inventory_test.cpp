@@ -366,6 +366,51 @@ TEST(Inventory, DevicePluggedInADisconnectedServerWaitsForTheReconnect) {
     EXPECT_TRUE(firstDevice(inventory).plugged);
 }
 
+TEST(Inventory, DeviceThatIsGoneIsFoundByNothing) {
+    Inventory inventory({server(1, {device(1, true)})});
+    inventory.comeOrGo(0);
+    EXPECT_FALSE(firstDevice(inventory).present);
+    EXPECT_FALSE(firstDevice(inventory).plugged);
+    EXPECT_EQ(inventory.plug(1U, 1, false), Status::NotFound);
+    EXPECT_EQ(inventory.unplug(1U, 1), Status::NotFound);
+}
+
+TEST(Inventory, DeviceThatComesBackIsPluggedAgainUnlessItWasPluggedOnce) {
+    for (const bool once : {false, true}) {
+        Inventory inventory({server(1, {device(5)})});
+        ASSERT_EQ(inventory.plug(1U, 5, once), Status::Ok);
+        inventory.comeOrGo(0);
+        inventory.comeOrGo(0);
+        EXPECT_TRUE(firstDevice(inventory).present);
+        EXPECT_EQ(firstDevice(inventory).id, 5U);
+        EXPECT_EQ(firstDevice(inventory).plugged, !once);
+    }
+}
+
+TEST(Inventory, DeviceThatIsGoneStaysSoOverAReconnect) {
+    Inventory inventory({server(1, {device(1, true)})});
+    inventory.comeOrGo(0);
+    ASSERT_EQ(inventory.act(ServerAction::Reconnect, 1U), Status::Ok);
+    settle(inventory);
+    EXPECT_FALSE(firstDevice(inventory).present);
+    EXPECT_FALSE(firstDevice(inventory).plugged);
+    inventory.comeOrGo(0);
+    EXPECT_TRUE(firstDevice(inventory).plugged);
+}
+
+TEST(Inventory, OnlyDevicesOfConnectedServersComeAndGo) {
+    Server disconnected = server(1, {device(1), device(2)});
+    disconnected.state = ServerState::Disconnected;
+    Inventory inventory({disconnected, server(2), server(3, {device(1), device(2)})});
+    EXPECT_EQ(inventory.countConnectedDevices(), 2U);
+    inventory.comeOrGo(1);
+    EXPECT_FALSE(inventory.servers()[2].devices[1].present);
+    EXPECT_TRUE(inventory.servers()[2].devices[0].present);
+    EXPECT_EQ(inventory.countConnectedDevices(), 2U);
+    inventory.comeOrGo(2);
+    EXPECT_TRUE(inventory.servers()[0].devices[0].present);
+}
+
 bool isAscii(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0; });
 }

@@ -25,10 +25,12 @@ TEST(SimOptions, DefaultsAreTheDaemonsPathAndTheBuiltInInventory) {
     EXPECT_FALSE(options->help);
 }
 
-TEST(SimOptions, DefaultLatencyIsShort) {
+TEST(SimOptions, DefaultBehaviourIsShortLatencyAndNoEvents) {
     const auto options = parse({});
     ASSERT_TRUE(options);
     EXPECT_EQ(options->behaviour.latencyMs, 300U);
+    EXPECT_FALSE(options->behaviour.eventsMs);
+    EXPECT_EQ(options->behaviour.seed, 1U);
 }
 
 TEST(SimOptions, LatencyIsReadUpToAnHour) {
@@ -39,13 +41,37 @@ TEST(SimOptions, LatencyIsReadUpToAnHour) {
     }
 }
 
+TEST(SimOptions, EventsHaveADefaultAndTakeAValueBehindAnEqualsSignOnly) {
+    const auto bare = parse({"--events", "--latency", "5"});
+    const auto valued = parse({"--events=20"});
+    ASSERT_TRUE(bare && valued);
+    EXPECT_EQ(bare->behaviour.eventsMs, 2000U);
+    EXPECT_EQ(bare->behaviour.latencyMs, 5U);
+    EXPECT_EQ(valued->behaviour.eventsMs, 20U);
+    EXPECT_EQ(errorOf({"--events", "20"}), "unknown argument: 20");
+}
+
+TEST(SimOptions, SeedGoesWithEventsBeforeOrAfterIt) {
+    const auto before = parse({"--seed", "0", "--events"});
+    const auto after = parse({"--events", "--seed=4294967295"});
+    ASSERT_TRUE(before && after);
+    EXPECT_EQ(before->behaviour.seed, 0U);
+    EXPECT_EQ(after->behaviour.seed, 4294967295U);
+    EXPECT_EQ(errorOf({"--seed", "2"}), "--seed is of no use without --events");
+}
+
 TEST(SimOptions, NumbersAreReadStrictly) {
     for (const std::string value :
          {"", " 1", "1 ", "-1", "+1", "0x10", "1.5", "1ms", "3600001", "99999999999999999999"}) {
         const std::string tail = " to 3600000, not \"" + value + '"';
         EXPECT_EQ(errorOf({"--latency", value.c_str()}),
                   "--latency must be a number from 0" + tail);
+        EXPECT_EQ(errorOf({("--events=" + value).c_str()}),
+                  "--events must be a number from 1" + tail);
     }
+    EXPECT_EQ(errorOf({"--events=0"}), "--events must be a number from 1 to 3600000, not \"0\"");
+    EXPECT_EQ(errorOf({"--seed=4294967296"}),
+              "--seed must be a number from 0 to 4294967295, not \"4294967296\"");
 }
 
 TEST(SimOptions, FirstOfSeveralErrorsIsTold) {

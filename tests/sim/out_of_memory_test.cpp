@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
+#include <new>
 
+#include "sim/daemon.h"
 #include "sim/server_life.h"
 #include "tests/support/failing_allocations.h"
 
@@ -49,6 +53,29 @@ TEST(WithoutLoop, StepIsCompletedAtOnce) {
     const auto life = std::make_shared<ServerLife>(inventory, kForeverMs);
     life->start({});
     EXPECT_EQ(inventory->servers()[0].state, ServerState::Connected);
+}
+
+TEST(Daemon, TellsWhenItCannotHaveTheTimerOfItsEvents) {
+    std::string name = std::filesystem::temp_directory_path() / "simXXXXXX";
+    ASSERT_NE(mkdtemp(name.data()), nullptr);
+    Behaviour behaviour;
+    behaviour.eventsMs = kForeverMs;
+    std::string error;
+    bool happened = true;
+    for (uint64_t nth = 1; happened && error != "cannot make a timer"; ++nth) {
+        error.clear();
+        std::unique_ptr<Daemon> daemon;
+        FailingAllocations failing(nth);
+        try {
+            daemon = Daemon::start(name + "/sock", Inventory({}), behaviour, error);
+        } catch (const std::bad_alloc&) {
+        }
+        failing.end();
+        happened = failing.happened();
+    }
+    EXPECT_EQ(error, "cannot make a timer");
+    EXPECT_FALSE(std::filesystem::exists(name + "/sock"));
+    std::filesystem::remove_all(name);
 }
 
 }  // namespace

@@ -64,6 +64,13 @@ TEST_F(RequestHandler, ListHasTheWordOfEveryState) {
     }
 }
 
+TEST_F(RequestHandler, ListLeavesOutDevicesThatAreNotThere) {
+    inventory.comeOrGo(0);
+    EXPECT_NE(answer(kListServers, "").find(R"("devices":[])"), std::string::npos);
+    inventory.comeOrGo(0);
+    EXPECT_NE(answer(kListServers, "").find(R"("devices":[{"id":7,)"), std::string::npos);
+}
+
 TEST_F(RequestHandler, AddedServerShowsItsDevicesWhenItIsConnected) {
     inventory = Inventory({});
     ASSERT_EQ(answer(kAddServer, R"({"host":"new","port":5})"), R"({"status":"ok","id":1})");

@@ -3,8 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <csignal>
 #include <fstream>
+#include <optional>
 
+#include "sim/device_traffic.h"
+#include "sim/inventory_file.h"
+#include "sim/request_handler.h"
 #include "tests/sim/simulated_daemon.h"
 
 namespace {
@@ -150,6 +155,93 @@ TEST_F(LivingServers, ServersOfTheFileInAPassingStateGoOn) {
         EXPECT_NE(listOnceItHas(R"("host":"a","port":33000,"state":"connected")"), "");
         EXPECT_NE(listOnceItHas(R"("host":"b","port":33000,"state":"disconnected")"), "");
         EXPECT_EQ(stateOf(3), "failed");
+    }
+}
+
+const std::string kWithoutDevices =
+    R"({"id":3,"host":"box","port":33000,"state":"connected","devices":[]})";
+
+TEST_F(LivingServers, DeviceGoesAndComesBackByItselfWithItsIdAndPluggedAgain) {
+    const RunningProgram daemon = start({"--events=30"});
+    while (exchange(kPlugRequest) != kDeviceOk) {
+    }
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_NE(listOnceItHas(kWithoutDevices), "");
+        EXPECT_EQ(listOnceItHas(R"("id":7)"), listReply("connected", "plugged"));
+    }
+}
+
+TEST_F(LivingServers, DevicePluggedOnceComesBackUnplugged) {
+    const RunningProgram daemon = start({"--events=30"});
+    while (exchange(kPlugOnceRequest) != kDeviceOk) {
+    }
+    EXPECT_NE(listOnceItHas(kWithoutDevices), "");
+    EXPECT_EQ(listOnceItHas(R"("id":7)"), listReply("connected"));
+}
+
+TEST_F(LivingServers, DevicesOfADisconnectedServerStay) {
+    const RunningProgram daemon = start({"--events=1", "--latency", "0"});
+    const UnixStream client = UnixStream::connectTo(path);
+    ASSERT_TRUE(client.send(act("disconnect", 3) + kListRequest));
+    EXPECT_EQ(client.receiveFrame(), kOk);
+    const std::string list = client.receiveFrame();
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(exchange(kListRequest), list);
+}
+
+TEST_F(LivingServers, EventsComeNoSoonerThanTheirInterval) {
+    const Clock::time_point started = Clock::now();
+    const RunningProgram daemon = start({"--events=60"});
+    EXPECT_NE(listOnceItHas(kWithoutDevices), "");
+    EXPECT_EQ(listOnceItHas(R"("id":7)"), listReply("connected"));
+    EXPECT_GE(Clock::now() - started, std::chrono::milliseconds(120));
+}
+
+// The list after each event of a seed.
+class Foresight {
+public:
+    Foresight(const std::string& inventoryFile, uint32_t seed) : traffic(seed) {
+        std::string error;
+        inventory = readInventoryFile(inventoryFile, error);
+        EXPECT_TRUE(inventory) << error;
+    }
+
+    [[nodiscard]] std::string list() {
+        return frame(0, answerRequest(*inventory, 0, "").value_or(""));
+    }
+    void goOn() { traffic.happen(*inventory); }
+
+private:
+    std::optional<Inventory> inventory;
+    DeviceTraffic traffic;
+};
+
+TEST_F(LivingServers, EventsCanBeForeseenFromTheSeed) {
+    constexpr int kDevices = 40;
+    constexpr int kMostEvents = 100'000;
+    std::ofstream file(inventoryPath);
+    file << R"({"servers":[{"id":3,"host":"box","devices":[)";
+    for (int id = 1; id <= kDevices; ++id)
+        file << (id == 1 ? "" : ",") << R"({"id":)" << id
+             << R"(,"name":"n","vid":1,"pid":2,"port":"p"})";
+    file << "]}]}";
+    file.close();
+
+    const RunningProgram daemon = start({"--events=20", "--seed", "7"});
+    Foresight foresight(inventoryPath, 7);
+    const std::string complete = foresight.list();
+    std::string seen;
+    for (int i = 0; i < 3; ++i) {
+        const std::string last = i == 0 ? complete : seen;
+        do {
+            seen = exchange(kListRequest);
+        } while (seen == last);
+        int events = 0;
+        while (foresight.list() != seen && events < kMostEvents) {
+            foresight.goOn();
+            ++events;
+        }
+        ASSERT_EQ(foresight.list(), seen);
     }
 }
 
