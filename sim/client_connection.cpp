@@ -4,73 +4,75 @@
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "ipc/frame.h"
 #include "kqueue/HXKQueueStreamSocket.h"
 
 bool ClientConnection::serve(const std::shared_ptr<HXKQueue>& loop,
-                             std::shared_ptr<ServerLife> servers, int sock) noexcept {
+                             std::shared_ptr<ServerLife> servers, const ReplyManner& manner,
+                             int sock) noexcept {
     try {
+        const auto replies = std::make_shared<ReplySender>(loop, manner);
         HXKQueueEventBlock block =
-            [client = std::make_shared<ClientConnection>(loop, std::move(servers))](
-                const Source& source, const char* bytes, uint64_t size, uint64_t* dropSize,
+            [client = std::make_shared<ClientConnection>(std::move(servers), replies)](
+                const auto& /*source*/, const char* bytes, uint64_t size, uint64_t* dropSize,
                 int32_t code) {
-                client->onEvent(source, {bytes, size}, dropSize, code);
+                client->onEvent({bytes, size}, dropSize, code);
                 return true;
             };
         const auto stream = loop->createStreamSocket(sock, true);
-        if (stream) loop->startObject(stream, std::move(block));
-        return stream != nullptr;
+        if (!stream) return false;
+        replies->attach(stream);
+        loop->startObject(stream, std::move(block));
+        return true;
     } catch (const std::exception&) {
         return false;
     }
 }
 
-ClientConnection::ClientConnection(std::weak_ptr<HXKQueue> loopOfSource,
-                                   std::shared_ptr<ServerLife> sharedServers)
-    : loop(std::move(loopOfSource)), servers(std::move(sharedServers)) {}
+ClientConnection::ClientConnection(std::shared_ptr<ServerLife> sharedServers,
+                                   std::shared_ptr<ReplySender> ownSender)
+    : servers(std::move(sharedServers)), replies(std::move(ownSender)) {}
 
-void ClientConnection::onEvent(const Source& source, std::string_view received, uint64_t* dropSize,
+void ClientConnection::onEvent(std::string_view received, uint64_t* dropSize,
                                int32_t code) noexcept {
     if (ended) return;
-    if (code == HXKQueueEventTerminated) end(source);
+    if (code == HXKQueueEventTerminated) end();
     if (code != HXKQueueEventData) return;
     try {
-        if (const std::optional<uint64_t> consumed = answerAll(source, received))
+        if (const std::optional<uint64_t> consumed = answerAll(received))
             *dropSize = *consumed;
         else
-            end(source);
+            end();
     } catch (const std::exception&) {
-        end(source);
+        end();
     }
 }
 
-// The number of bytes that whole frames took up, or none when a frame was malformed.
-std::optional<uint64_t> ClientConnection::answerAll(const Source& source,
-                                                    std::string_view received) {
+// The number of bytes that whole frames took up, or none when a frame was malformed. Nothing that
+// follows the last reply is looked at.
+std::optional<uint64_t> ClientConnection::answerAll(std::string_view received) {
     std::string_view rest = received;
     while (rest.size() >= kFrameHeaderSize) {
+        if (replies->isClosing()) return received.size();
         const FrameHeader header = readFrameHeader(rest.data());
         if (header.length > kMaxPayloadLength) return std::nullopt;
         const size_t frameSize = kFrameHeaderSize + header.length;
         if (rest.size() < frameSize) break;
         const std::string_view payload = rest.substr(kFrameHeaderSize, header.length);
-        if (!answerOne(source, header.command, payload)) return std::nullopt;
+        if (!answerOne(header.command, payload)) return std::nullopt;
         rest.remove_prefix(frameSize);
     }
     return received.size() - rest.size();
 }
 
-bool ClientConnection::answerOne(const Source& source, int32_t command, std::string_view payload) {
+bool ClientConnection::answerOne(int32_t command, std::string_view payload) {
     const std::optional<std::string> reply = servers->answer(command, payload);
-    if (!reply) return false;
-    const std::vector<char> frame = makeFrame(command, *reply);
-    if (const auto running = loop.lock()) running->write(source, frame.data(), frame.size());
-    return true;
+    if (reply) replies->send(command, *reply);
+    return reply.has_value();
 }
 
-void ClientConnection::end(const Source& source) noexcept {
+void ClientConnection::end() noexcept {
     ended = true;
-    if (const auto running = loop.lock()) running->stopObject(source);
+    replies->close();
 }

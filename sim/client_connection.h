@@ -13,6 +13,8 @@
 #include <string_view>
 
 #include "kqueue/HXKQueue.h"
+#include "sim/reply_manner.h"
+#include "sim/reply_sender.h"
 #include "sim/server_life.h"
 
 class ClientConnection {
@@ -20,22 +22,19 @@ public:
     // Takes over sock, a connected stream socket, and serves it on the loop. False when there is
     // no memory for it; sock is then left to the caller. Never throws.
     [[nodiscard]] static bool serve(const std::shared_ptr<HXKQueue>& loop,
-                                    std::shared_ptr<ServerLife> servers, int sock) noexcept;
+                                    std::shared_ptr<ServerLife> servers, const ReplyManner& manner,
+                                    int sock) noexcept;
 
-    ClientConnection(std::weak_ptr<HXKQueue> loopOfSource,
-                     std::shared_ptr<ServerLife> sharedServers);
+    ClientConnection(std::shared_ptr<ServerLife> sharedServers,
+                     std::shared_ptr<ReplySender> ownSender);
 
 private:
-    using Source = std::shared_ptr<HXKQueueEventProtocol>;
+    void onEvent(std::string_view received, uint64_t* dropSize, int32_t code) noexcept;
+    [[nodiscard]] std::optional<uint64_t> answerAll(std::string_view received);
+    [[nodiscard]] bool answerOne(int32_t command, std::string_view payload);
+    void end() noexcept;
 
-    void onEvent(const Source& source, std::string_view received, uint64_t* dropSize,
-                 int32_t code) noexcept;
-    [[nodiscard]] std::optional<uint64_t> answerAll(const Source& source,
-                                                    std::string_view received);
-    [[nodiscard]] bool answerOne(const Source& source, int32_t command, std::string_view payload);
-    void end(const Source& source) noexcept;
-
-    std::weak_ptr<HXKQueue> loop;
     std::shared_ptr<ServerLife> servers;
+    std::shared_ptr<ReplySender> replies;
     bool ended = false;
 };

@@ -118,12 +118,12 @@ bool Daemon::listen(std::string& error) {
         socketDevice = file.st_dev;
         socketInode = file.st_ino;
     }
-    loop->startObject(server, [weakLoop = std::weak_ptr(loop), servers](
+    loop->startObject(server, [weakLoop = std::weak_ptr(loop), servers, manner = behaviour.manner](
                                   const auto& /*source*/, const char* bytes, uint64_t /*size*/,
                                   uint64_t* /*dropSize*/, int32_t /*code*/) {
         const auto* accepted = reinterpret_cast<const HXKQueueAcceptedConnection*>(bytes);
         const auto running = weakLoop.lock();
-        return running && ClientConnection::serve(running, servers, accepted->sock);
+        return running && ClientConnection::serve(running, servers, manner, accepted->sock);
     });
     return true;
 }

@@ -72,11 +72,11 @@ int run(std::span<const char* const> arguments) {
     const std::optional<Options> options = parseOptions(arguments, error);
     if (!options) {
         const int status = fail(error, kBadUsage);
-        std::fputs(kUsage, stderr);
+        std::fputs(usage().c_str(), stderr);
         return status;
     }
     if (!options->help) return serve(*options);
-    std::fputs(kUsage, stdout);
+    std::fputs(usage().c_str(), stdout);
     return 0;
 }
 

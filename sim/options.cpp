@@ -8,9 +8,16 @@
 #include <string_view>
 #include <utility>
 
-const char* const kUsage =
+namespace {
+
+constexpr uint32_t kLongestMs = 3'600'000;
+constexpr const char* kDefaultEventsMs = "2000";
+
+constexpr size_t kColumnOfEffects = 22;
+
+constexpr const char* kUsageAboveTheTable =
     "Usage: hxusbvd-sim [--socket PATH] [--inventory FILE] [--latency MS]\n"
-    "                   [--events[=MS] [--seed N]]\n"
+    "                   [--events[=MS] [--seed N]] [--misbehave HOW [--delay MS]]\n"
     "Simulates the daemon that hxusbvctl talks to, until it is sent SIGINT or SIGTERM.\n"
     "  --socket PATH     listen on PATH instead of /var/run/hxusbvctl.sock\n"
     "  --inventory FILE  start with the servers and devices that the JSON FILE describes\n"
@@ -19,17 +26,17 @@ const char* const kUsage =
     "  --events[=MS]     have a device of a connected server go or come back every MS\n"
     "                    milliseconds (2000)\n"
     "  --seed N          choose those devices by the random numbers of seed N (1)\n"
+    "  --misbehave HOW   reply wrong on every connection; HOW is one of these:\n";
+
+constexpr const char* kUsageBelowTheTable =
+    "  --delay MS        have delay (1000) and bytes (5) wait MS milliseconds\n"
     "  --help            print this help\n";
-
-namespace {
-
-constexpr uint32_t kLongestMs = 3'600'000;
-constexpr const char* kDefaultEventsMs = "2000";
 
 // What the arguments say, one by one.
 struct Reading {
     Options options;
     std::optional<uint32_t> seed;
+    std::optional<uint32_t> delayMs;
 };
 
 // Each returns what is wrong with the value, or nothing.
@@ -44,6 +51,17 @@ std::string readNumber(std::string_view value, Number& number) {
                std::to_string(highest) + ", not \"" + std::string(value) + '"';
     number = read;
     return "";
+}
+
+std::string readManner(std::string_view value, ReplyManner& manner) {
+    if (const ReplyManner* found = findMisbehaviour(value)) {
+        manner = *found;
+        return "";
+    }
+    std::string words;
+    for (const ReplyManner& each : misbehaviours())
+        words += (words.empty() ? "" : ", ") + std::string(each.word);
+    return "must be one of " + words + ", not \"" + std::string(value) + '"';
 }
 
 std::string readText(std::string_view value, std::string& text) {
@@ -77,6 +95,14 @@ const OptionForm kForms[] = {
     {"--seed", nullptr,
      [](Reading& reading, std::string_view value) {
          return readNumber<0, std::numeric_limits<uint32_t>::max()>(value, reading.seed);
+     }},
+    {"--misbehave", nullptr,
+     [](Reading& reading, std::string_view value) {
+         return readManner(value, reading.options.behaviour.manner);
+     }},
+    {"--delay", nullptr,
+     [](Reading& reading, std::string_view value) {
+         return readNumber<0, kLongestMs>(value, reading.delayMs);
      }},
 };
 
@@ -126,11 +152,26 @@ std::optional<Options> combine(Reading& reading, std::string& error) {
         error = "--seed is of no use without --events";
         return std::nullopt;
     }
+    if (reading.delayMs && behaviour.manner.pace == Pace::AtOnce) {
+        error = "--delay is of no use without --misbehave delay or bytes";
+        return std::nullopt;
+    }
     behaviour.seed = reading.seed.value_or(behaviour.seed);
+    behaviour.manner.delayMs = reading.delayMs.value_or(behaviour.manner.delayMs);
     return std::move(reading.options);
 }
 
 }  // namespace
+
+std::string usage() {
+    std::string text = kUsageAboveTheTable;
+    for (const ReplyManner& each : misbehaviours()) {
+        std::string line = "      " + std::string(each.word);
+        line.resize(kColumnOfEffects, ' ');
+        text += line + std::string(each.effect) + '\n';
+    }
+    return text + kUsageBelowTheTable;
+}
 
 std::optional<Options> parseOptions(std::span<const char* const> arguments, std::string& error) {
     Reading reading;

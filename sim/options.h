@@ -15,7 +15,7 @@ struct Options {
     bool help = false;
 };
 
-extern const char* const kUsage;
+[[nodiscard]] std::string usage();
 
 // arguments is without the program's name. None when they are wrong; error then says why. An
 // option that is given twice counts as given last.

@@ -25,12 +25,13 @@ TEST(SimOptions, DefaultsAreTheDaemonsPathAndTheBuiltInInventory) {
     EXPECT_FALSE(options->help);
 }
 
-TEST(SimOptions, DefaultBehaviourIsShortLatencyAndNoEvents) {
+TEST(SimOptions, DefaultBehaviourIsShortLatencyNoEventsAndProperReplies) {
     const auto options = parse({});
     ASSERT_TRUE(options);
     EXPECT_EQ(options->behaviour.latencyMs, 300U);
     EXPECT_FALSE(options->behaviour.eventsMs);
     EXPECT_EQ(options->behaviour.seed, 1U);
+    EXPECT_EQ(options->behaviour.manner.word, "");
 }
 
 TEST(SimOptions, LatencyIsReadUpToAnHour) {
@@ -60,12 +61,35 @@ TEST(SimOptions, SeedGoesWithEventsBeforeOrAfterIt) {
     EXPECT_EQ(errorOf({"--seed", "2"}), "--seed is of no use without --events");
 }
 
+TEST(SimOptions, EveryMisbehaviourIsRead) {
+    for (const ReplyManner& each : misbehaviours()) {
+        const auto options = parse({"--misbehave", std::string(each.word).c_str()});
+        ASSERT_TRUE(options) << each.word;
+        EXPECT_EQ(options->behaviour.manner.word, each.word);
+        EXPECT_EQ(options->behaviour.manner.delayMs, each.delayMs);
+    }
+}
+
+TEST(SimOptions, DelayGoesWithTheMisbehavioursThatTakeTheirTime) {
+    for (const char* word : {"delay", "bytes"}) {
+        const auto before = parse({"--delay", "70", "--misbehave", word});
+        const auto after = parse({"--misbehave", word, "--delay=0"});
+        ASSERT_TRUE(before && after);
+        EXPECT_EQ(before->behaviour.manner.delayMs, 70U);
+        EXPECT_EQ(after->behaviour.manner.delayMs, 0U);
+    }
+    for (const auto& arguments : {std::vector<const char*>{"--delay", "70"},
+                                  std::vector<const char*>{"--delay=70", "--misbehave", "array"}})
+        EXPECT_EQ(errorOf(arguments), "--delay is of no use without --misbehave delay or bytes");
+}
+
 TEST(SimOptions, NumbersAreReadStrictly) {
     for (const std::string value :
          {"", " 1", "1 ", "-1", "+1", "0x10", "1.5", "1ms", "3600001", "99999999999999999999"}) {
         const std::string tail = " to 3600000, not \"" + value + '"';
         EXPECT_EQ(errorOf({"--latency", value.c_str()}),
                   "--latency must be a number from 0" + tail);
+        EXPECT_EQ(errorOf({"--delay", value.c_str()}), "--delay must be a number from 0" + tail);
         EXPECT_EQ(errorOf({("--events=" + value).c_str()}),
                   "--events must be a number from 1" + tail);
     }
@@ -74,9 +98,21 @@ TEST(SimOptions, NumbersAreReadStrictly) {
               "--seed must be a number from 0 to 4294967295, not \"4294967296\"");
 }
 
+TEST(SimOptions, UnknownMisbehaviourIsToldWithAllThatAreKnown) {
+    const std::string error = errorOf({"--misbehave", "rudely"});
+    EXPECT_TRUE(error.starts_with("--misbehave must be one of delay, bytes, silence, "));
+    EXPECT_TRUE(error.ends_with("length-limit, length-negative, not \"rudely\""));
+}
+
 TEST(SimOptions, FirstOfSeveralErrorsIsTold) {
     EXPECT_EQ(errorOf({"--latency", "x", "--sockets"}),
               "--latency must be a number from 0 to 3600000, not \"x\"");
+}
+
+TEST(SimOptions, HelpNamesEveryMisbehaviour) {
+    for (const ReplyManner& each : misbehaviours())
+        EXPECT_NE(usage().find("\n      " + std::string(each.word) + ' '), std::string::npos)
+            << each.word;
 }
 
 TEST(SimOptions, ValueStandsInTheNextArgumentOrBehindAnEqualsSign) {
@@ -117,6 +153,7 @@ TEST(SimOptions, WrongOnesAreNamed) {
     EXPECT_EQ(errorOf({"--socket"}), "--socket needs a value");
     EXPECT_EQ(errorOf({"--socket=a", "--inventory"}), "--inventory needs a value");
     EXPECT_EQ(errorOf({"--latency"}), "--latency needs a value");
+    EXPECT_EQ(errorOf({"--misbehave"}), "--misbehave needs a value");
 }
 
 }  // namespace

@@ -1,13 +1,17 @@
 // What becomes of timers that there is no memory for.
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <new>
 
 #include "sim/daemon.h"
+#include "sim/reply_sender.h"
 #include "sim/server_life.h"
 #include "tests/support/failing_allocations.h"
 
@@ -53,6 +57,23 @@ TEST(WithoutLoop, StepIsCompletedAtOnce) {
     const auto life = std::make_shared<ServerLife>(inventory, kForeverMs);
     life->start({});
     EXPECT_EQ(inventory->servers()[0].state, ServerState::Connected);
+}
+
+// The frame, the block and the timer take at least one allocation each.
+TEST_F(WithoutMemory, LateReplyThatCannotBeKeptOrTimedThrows) {
+    for (uint64_t nth = 1; nth <= 3; ++nth) {
+        std::array<int, 2> ends{};
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+        const auto stream = loop->createStreamSocket(ends[0], true);
+        const auto sender = std::make_shared<ReplySender>(loop, *findMisbehaviour("delay"));
+        sender->attach(stream);
+        {
+            const FailingAllocations failing(nth);
+            EXPECT_THROW(sender->send(0, "{}"), std::bad_alloc) << nth;
+        }
+        sender->close();
+        close(ends[1]);
+    }
 }
 
 TEST(Daemon, TellsWhenItCannotHaveTheTimerOfItsEvents) {

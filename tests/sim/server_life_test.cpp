@@ -158,6 +158,19 @@ TEST_F(LivingServers, ServersOfTheFileInAPassingStateGoOn) {
     }
 }
 
+TEST_F(LivingServers, DaemonEndsInTheMiddleOfEverything) {
+    RunningProgram daemon =
+        start({"--latency", kForever, "--events=1", "--misbehave", "delay", "--delay", kForever});
+    const UnixStream client = UnixStream::connectTo(path);
+    ASSERT_TRUE(client.send(kAddRequest + act("reconnect", 3) + kListRequest));
+    client.waitUntilTaken();
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(client.receiveToEnd(), "");
+    const Outcome outcome = daemon.finish();
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "");
+}
+
 const std::string kWithoutDevices =
     R"({"id":3,"host":"box","port":33000,"state":"connected","devices":[]})";
 
