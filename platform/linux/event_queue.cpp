@@ -407,14 +407,15 @@ bool EventQueue::fillReadRecord(Descriptor& descriptor, struct kevent& record) n
         isUnconnectedTcp(descriptor.fd))
         return false;
     record.data = countReadable(descriptor);
-    bool endOfFile = false;
     if (kind == DescriptorKind::Terminal && record.data == 0 && isReadable(descriptor.fd)) {
         // In packet mode a master is readable for a byte that says what has happened. A terminal
-        // without bytes has been given its end-of-file character, unless they have just come.
+        // without bytes has been given its end-of-file character, unless they have just come, or
+        // it has been hung up. That counts as a byte, as on macOS: the read takes it away, and
+        // finds the end.
         record.data = (seen & EPOLLPRI) != 0 ? 1 : countReadable(descriptor);
-        endOfFile = record.data == 0;
+        if ((seen & kEnded) == 0) record.data = std::max<int64_t>(record.data, 1);
     }
-    if ((seen & (EPOLLRDHUP | kEnded)) != 0 || endOfFile) markEnded(descriptor, seen, record);
+    if ((seen & (EPOLLRDHUP | kEnded)) != 0) markEnded(descriptor, seen, record);
     return record.data > 0 || (record.flags & EV_EOF) != 0;
 }
 
@@ -424,7 +425,13 @@ bool EventQueue::fillWriteRecord(Descriptor& descriptor, struct kevent& record) 
         isUnconnectedTcp(descriptor.fd))
         return false;
     if ((seen & EPOLLOUT) != 0) record.data = writableBytes(descriptor.fd, descriptor.kind);
-    if ((seen & kEnded) != 0) markEnded(descriptor, seen, record);
+    if ((seen & kEnded) != 0) {
+        markEnded(descriptor, seen, record);
+        // Without a peer a write fails at once, however full the buffer. It has to be tried for
+        // its owner to hear of that.
+        const bool isAlone = (seen & EPOLLHUP) != 0 || descriptor.kind == DescriptorKind::Pipe;
+        if (isAlone) record.data = std::max<int64_t>(record.data, 1);
+    }
     return record.data > 0 || (record.flags & EV_EOF) != 0;
 }
 

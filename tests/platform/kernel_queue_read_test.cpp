@@ -161,10 +161,16 @@ TEST_F(ReadFilter, OfATerminalCountsTheBytesOfALine) {
     send(master, "hello\n");
     EXPECT_EQ(waitForOne().data, 6);
     EXPECT_EQ(receive(terminal, 6), "hello\n");
+}
+
+TEST_F(ReadFilter, OfATerminalCountsAnEndOfFileCharacterAsOneByteThatTheReadDoesNotFind) {
+    const auto [terminal, master] = terminalPair();
+    if (terminal == -1) GTEST_SKIP() << kNoTerminals;
+    add(terminal, EVFILT_READ);
     send(master, "\x04");
-    const struct kevent record = waitForOne();
-    EXPECT_EQ(record.data, 0);
-    EXPECT_NE(record.flags & EV_EOF, 0);
+    EXPECT_EQ(waitForOne().data, 1);
+    EXPECT_EQ(receive(terminal, 1), "");
+    EXPECT_TRUE(look().empty());
 }
 
 // A read passes over the byte, and would block if there were no other.

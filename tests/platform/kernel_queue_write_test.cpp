@@ -261,4 +261,23 @@ TEST_P(LimitedUnsent, IsHeededByTheRoomOfATcpSocket) {
     writeAsCounted(pair, 'x', 1'000, 2'000);
 }
 
+// The owner hears of the end by a write only, so there must be something to write.
+TEST_F(WriteFilter, OfAFullSocketWhosePeerIsGoneHasRoomForTheWriteThatFails) {
+    const Pair pair = unixPair();
+    const int flags = fcntl(pair.ours, F_GETFL);
+    fcntl(pair.ours, F_SETFL, flags | O_NONBLOCK);
+    const std::string much(1 << 20, 'x');
+    while (write(pair.ours, much.data(), much.size()) > 0) {
+        // until it is full
+    }
+    fcntl(pair.ours, F_SETFL, flags);
+    add(pair.ours, EVFILT_WRITE);
+    ASSERT_TRUE(look().empty());
+    ASSERT_EQ(shutdown(pair.peer, SHUT_RDWR), 0);
+    const struct kevent record = waitForOne();
+    EXPECT_NE(record.flags & EV_EOF, 0);
+    EXPECT_GE(record.data, 1);
+    EXPECT_EQ(::send(pair.ours, "x", 1, MSG_NOSIGNAL), -1);
+}
+
 }  // namespace

@@ -8,16 +8,16 @@
 //                 while connections wait on a listening socket. EV_EOF once the peer has closed
 //                 its sending side, also while bytes are left; `fflags` is then the socket's
 //                 pending error, if it has one. A byte sent out of band is not counted. A terminal
-//                 that edits lines counts all that are complete, though each read takes one; for
-//                 an end-of-file character with nothing before it, it is ready with EV_EOF and no
-//                 bytes until that is read. A regular file is silent at its end, and found to have
-//                 grown within 50 ms; without a size, as in procfs, it is silent altogether.
+//                 that edits lines counts all that are complete, though each read takes one; an
+//                 end-of-file character with nothing before it counts as one byte, which the read
+//                 takes away without finding any. A regular file is silent at its end, and found
+//                 to have grown within 50 ms; without a size, as in procfs, it is silent
+//                 altogether.
 //                 /dev/null has ended; other devices that are always ready, such as /dev/zero,
 //                 have one byte.
 //   EVFILT_WRITE  Level-triggered. `data` is a number of bytes that a blocking write(2) takes
 //                 without blocking, often well below what it would take. EV_EOF when the peer can
-//                 take no more, or a pending connect has failed, with the error in `fflags`;
-//                 `data` may then be 0. A Unix peer that has only shut its receiving side down is
+//                 take no more, or a pending connect has failed, with the error in `fflags`. A Unix peer that has only shut its receiving side down is
 //                 not told from one that listens: the write itself finds out.
 //   EVFILT_TIMER  `ident` is the caller's, `data` a period in milliseconds (NOTE_BACKGROUND is
 //                 accepted and changes nothing) on a clock that does not jump. Delivers the
