@@ -396,6 +396,7 @@ void HXKQueue::removeTimer(const std::shared_ptr<HXKQueueEventProtocol>& object)
     if (!place) return;
     timerObjects->erase(place->object);
     timerIdents->erase(place->ident);
+    assert(timerIdents->size() == timerObjects->size());
 }
 
 bool HXKQueue::isHereTimerIdent(int32_t ident) const {

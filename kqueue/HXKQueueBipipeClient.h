@@ -19,11 +19,11 @@
 //   pipes, FIFOs   The end of the input is Terminated once every writer is gone. Writing goes on
 //                  in pieces of PIPE_BUF bytes or more. A reader that went away is Terminated.
 //   sockets        As HXKQueueStreamSocket, but closed without a shutdown.
-//   terminals      The end-of-file character is Terminated, and so is a hang-up, until the source
-//                  is stopped. A terminal that edits lines announces all the complete ones and
-//                  gives one per read, and zeros stand for the rest: turn that off (ICANON) where
-//                  lines may wait. On Linux writing takes one byte per record.
-//   regular files  Reading goes up to the end of the file and then falls silent, without
+//   terminals      The end-of-file character is Terminated, once; a hang-up, until the source is
+//                  stopped. A terminal that edits lines announces all the complete ones and gives
+//                  one per read, and zeros stand for the rest: turn that off (ICANON) where lines
+//                  may wait. On Linux writing takes one byte per record.
+//   regular files  All that is left of the file is read in one piece, and then it is silent, without
 //                  Terminated: compare lseek(2) with fstat(2) to know. Bytes that somebody appends
 //                  are Data; Linux notices them within 50 ms. Writing always has room, but the I/O
 //                  thread waits for the disk.
