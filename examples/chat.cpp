@@ -3,8 +3,7 @@
 //     chat unix PATH
 //     chat tcp ADDRESS PORT
 //
-// A line "/name NAME" gives its client another name. A client that sends too long a line, or that
-// reads too slowly, is dropped.
+// A client that sends too long a line, or that reads too slowly, is dropped.
 
 #include <algorithm>
 #include <exception>
@@ -20,7 +19,6 @@
 namespace {
 
 constexpr size_t kLongestLine = 1000;
-constexpr size_t kLongestName = 20;
 constexpr uint64_t kMostPending = 1 << 20;  // of what a client has not read yet
 constexpr size_t kMostMembers = 100;        // each line is written so often
 
@@ -44,7 +42,6 @@ private:
     void onEvent(const Stream& stream, std::string_view received, uint64_t* dropSize,
                  int32_t code) noexcept;
     void hear(const Stream& stream, std::string_view line);
-    bool rename(const Stream& stream, const std::string& wanted);
     void tellOthers(const Stream& stream, const std::string& line);
     void leave(const Stream& stream, const char* how) noexcept;
     void dropSlow() noexcept;
@@ -101,24 +98,7 @@ void Room::onEvent(const Stream& stream, std::string_view received, uint64_t* dr
 }
 
 void Room::hear(const Stream& stream, std::string_view line) {
-    constexpr std::string_view kRename = "/name ";
-    constexpr std::string_view kRefusal = "that name is taken, or not 1 to 20 bytes long\n";
-    const std::string text = plain(line);
-    if (!text.starts_with(kRename)) {
-        if (!text.empty()) tellOthers(stream, members[stream] + ": " + text);
-    } else if (!rename(stream, text.substr(kRename.size()))) {
-        if (const auto running = loop.lock())
-            running->write(stream, kRefusal.data(), kRefusal.size());
-    }
-}
-
-bool Room::rename(const Stream& stream, const std::string& wanted) {
-    const bool isTaken = std::any_of(members.begin(), members.end(),
-                                     [&](const auto& member) { return member.second == wanted; });
-    if (isTaken || wanted.empty() || wanted.size() > kLongestName) return false;
-    const std::string before = std::exchange(members[stream], wanted);
-    tellOthers(stream, before + " is now " + wanted);
-    return true;
+    if (!line.empty()) tellOthers(stream, members[stream] + ": " + plain(line));
 }
 
 void Room::tellOthers(const Stream& stream, const std::string& line) {

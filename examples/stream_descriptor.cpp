@@ -1,7 +1,6 @@
 #include "examples/stream_descriptor.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,18 +31,6 @@ bool isRegularFile(int fd) noexcept {
 bool isFileAtEnd(int fd) noexcept {
     struct stat file {};
     return isRegularFile(fd) && fstat(fd, &file) == 0 && lseek(fd, 0, SEEK_CUR) >= file.st_size;
-}
-
-// A read takes it that asks for a byte, and gets none.
-void takeEndOfFile(int fd) noexcept {
-    pollfd waiting{.fd = fd, .events = POLLIN, .revents = 0};
-    char none = 0;
-    if (isatty(fd) == 0 || poll(&waiting, 1, 0) != 1) return;
-    [[maybe_unused]] const ssize_t size = read(fd, &none, 1);
-}
-
-void keepOthersOffStandardError() noexcept {
-    if (fcntl(STDERR_FILENO, F_GETFD) == -1) open("/dev/null", O_WRONLY);
 }
 
 BlockingMode::BlockingMode(int descriptor) noexcept : fd(descriptor), flags(fcntl(fd, F_GETFL)) {

@@ -14,14 +14,6 @@ enum class Direction { Reading, Writing };
 // Whether it is a regular file that has been read to its end. A stream says nothing of that.
 [[nodiscard]] bool isFileAtEnd(int fd) noexcept;
 
-// A stream that ends at a terminal's end-of-file character leaves it there. This takes it away, or
-// the terminal's next reader, a shell for one, would end as well. REQUIRES: the stream has ended.
-void takeEndOfFile(int fd) noexcept;
-
-// A file that is opened while standard error is closed would get the program's messages. REQUIRES:
-// standard input and output are open.
-void keepOthersOffStandardError() noexcept;
-
 // Streams take descriptors in blocking mode. Whoever shares this one may have made it
 // non-blocking, and gets that mode back in the end.
 class BlockingMode {

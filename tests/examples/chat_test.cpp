@@ -60,21 +60,6 @@ TEST_F(Chat, LastWordsOfOneWhoLeavesAreHeard) {
     EXPECT_EQ(receiveLine(second), "guest1 leaves\n");
 }
 
-TEST_F(Chat, NameIsWhatOthersSee) {
-    ASSERT_TRUE(first.send("/name Ada\nhello\n"));
-    EXPECT_EQ(receiveLine(second), "guest1 is now Ada\n");
-    EXPECT_EQ(receiveLine(second), "Ada: hello\n");
-}
-
-TEST_F(Chat, NameThatIsTakenOrTooLongIsRefused) {
-    for (const std::string name : {"guest2", "", "abcdefghijklmnopqrstu"}) {
-        ASSERT_TRUE(first.send("/name " + name + "\n"));
-        EXPECT_EQ(receiveLine(first), "that name is taken, or not 1 to 20 bytes long\n");
-    }
-    ASSERT_TRUE(first.send("hello\n"));
-    EXPECT_EQ(receiveLine(second), "guest1: hello\n");
-}
-
 TEST_F(Chat, ControlCharactersDoNotReachOthersTerminals) {
     ASSERT_TRUE(first.send("\x1b[2J\tf\xc3\xbcr\x7f\n"));
     EXPECT_EQ(receiveLine(second), "guest1: ?[2J?f\xc3\xbcr?\n");
