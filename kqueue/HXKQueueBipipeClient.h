@@ -23,7 +23,7 @@
 //                  stopped. A terminal that edits lines announces all the complete ones and gives
 //                  one per read, and zeros stand for the rest: turn that off (ICANON) where lines
 //                  may wait. On Linux writing takes one byte per record.
-//   regular files  All that is left of the file is read in one piece, and then it is silent, without
+//   regular files  All that is left of the file is read in one piece. Then it is silent, without
 //                  Terminated: compare lseek(2) with fstat(2) to know. Bytes that somebody appends
 //                  are Data; Linux notices them within 50 ms. Writing always has room, but the I/O
 //                  thread waits for the disk.

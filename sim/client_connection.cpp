@@ -36,9 +36,8 @@ ClientConnection::ClientConnection(std::shared_ptr<ServerLife> sharedServers,
 
 void ClientConnection::onEvent(std::string_view received, uint64_t* dropSize,
                                int32_t code) noexcept {
-    if (ended) return;
-    if (code == HXKQueueEventTerminated) end();
-    if (code != HXKQueueEventData) return;
+    if (code == HXKQueueEventTerminated) return onEnd();
+    if (code != HXKQueueEventData || ended) return;
     try {
         if (const std::optional<uint64_t> consumed = answerAll(received))
             *dropSize = *consumed;
@@ -70,6 +69,15 @@ bool ClientConnection::answerOne(int32_t command, std::string_view payload) {
     const std::optional<std::string> reply = servers->answer(command, payload);
     if (reply) replies->send(command, *reply);
     return reply.has_value();
+}
+
+// The first end may be that of the client's sending only. One that is told although nothing is read
+// any more is that of the replies.
+void ClientConnection::onEnd() noexcept {
+    if (std::exchange(ended, true))
+        replies->close();
+    else
+        replies->closeOnceSent();
 }
 
 void ClientConnection::end() noexcept {

@@ -26,14 +26,30 @@ void ReplySender::send(int32_t command, std::string_view payload) {
     }
 }
 
+void ReplySender::closeOnceSent() noexcept {
+    forgetWaiting();
+    if (isAllTaken()) return close();
+    closing = true;
+    try {
+        if (const auto target = stream.lock()) target->pauseReading();
+        startTimer();
+    } catch (const std::exception&) {
+        close();
+    }
+}
+
 void ReplySender::close() noexcept {
     closing = true;
+    forgetWaiting();
+    if (const auto running = loop.lock()) running->stopObject(stream.lock());
+}
+
+void ReplySender::forgetWaiting() noexcept {
     waiting.clear();
+    sentOfFirst = 0;
     const auto running = loop.lock();
-    if (!running) return;
-    if (timer) running->stopObject(timer);
+    if (running && timer) running->stopObject(timer);
     timer = nullptr;
-    running->stopObject(stream.lock());
 }
 
 void ReplySender::startTimer() {

@@ -31,10 +31,15 @@ public:
     // Whether it stops the stream, now or as soon as all is sent: no reply will follow.
     [[nodiscard]] bool isClosing() const { return closing; }
 
+    // Reads nothing more, forgets what waits for its time, and stops the stream once the kernel has
+    // taken the rest. From the stream's own block.
+    void closeOnceSent() noexcept;
+
     // Stops the stream. What is not sent by then never will be.
     void close() noexcept;
 
 private:
+    void forgetWaiting() noexcept;
     void startTimer();
     void onTimer();
     void sendPiece();

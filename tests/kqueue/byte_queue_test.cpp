@@ -51,8 +51,9 @@ TEST(ByteQueue, AppendedZerosAreZerosWhateverWasThereBefore) {
 TEST(ByteQueue, FailsToGrowBeyondTheMemoryWithoutAChange) {
     ByteQueue queue;
     queue.append("abc", 3);
-    EXPECT_THROW(queue.append("x", UINT64_MAX), std::length_error);
-    EXPECT_THROW(queue.append("x", uint64_t{1} << 63), std::length_error);
+    // Volatile, so that the compiler does not see that no array is so long.
+    for (const volatile uint64_t count : {UINT64_MAX, uint64_t{1} << 63})
+        EXPECT_THROW(queue.append("x", count), std::length_error);
     EXPECT_EQ(contentOf(queue), "abc");
 }
 

@@ -181,6 +181,23 @@ TEST_F(SimulatedDaemon, ClosesItsEndWhenTheClientCloses) {
     EXPECT_EQ(client.receiveToEnd(), "");
 }
 
+// More replies than any socket holds are still to be sent when it has heard of the end.
+TEST_F(SimulatedDaemon, ClientThatHasEndedItsSendingGetsEveryReply) {
+    const RunningProgram daemon = start();
+    constexpr int kRequests = 20'000;
+    std::string requests;
+    for (int i = 0; i < kRequests; ++i)
+        requests += kListRequest;
+    const UnixStream client = UnixStream::connectTo(path);
+    ASSERT_TRUE(client.send(requests));
+    client.closeSending();
+    client.waitUntilTaken();
+    EXPECT_EQ(exchange(kListRequest), kListReply);
+    for (int i = 0; i < kRequests; ++i)
+        ASSERT_EQ(client.receiveFrame(), kListReply) << i;
+    EXPECT_EQ(client.receiveToEnd(), "");
+}
+
 TEST_F(SimulatedDaemon, EndsAllConnectionsWhenItEnds) {
     RunningProgram daemon = start();
     const UnixStream client = UnixStream::connectTo(path);

@@ -17,8 +17,9 @@
 //                 have one byte.
 //   EVFILT_WRITE  Level-triggered. `data` is a number of bytes that a blocking write(2) takes
 //                 without blocking, often well below what it would take. EV_EOF when the peer can
-//                 take no more, or a pending connect has failed, with the error in `fflags`. A Unix peer that has only shut its receiving side down is
-//                 not told from one that listens: the write itself finds out.
+//                 take no more, or a pending connect has failed, with the error in `fflags`. A
+//                 Unix peer that has only shut its receiving side down is not told from one that
+//                 listens: the write itself finds out.
 //   EVFILT_TIMER  `ident` is the caller's, `data` a period in milliseconds (NOTE_BACKGROUND is
 //                 accepted and changes nothing) on a clock that does not jump. Delivers the
 //                 expirations since the last delivery as `data`. Adding again starts afresh with
