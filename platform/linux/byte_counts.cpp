@@ -75,11 +75,14 @@ int64_t unixRoom(int fd) noexcept {
     return sendBufferSize(fd) / 2 - 64;
 }
 
+// What one read takes at most, whatever it is given room for (read(2)).
+constexpr int64_t kMostOfOneRead = 0x7ffff000;
+
 int64_t fileRemainder(int fd) noexcept {
     struct stat status;
     const off_t position = lseek(fd, 0, SEEK_CUR);
     if (position == -1 || fstat(fd, &status) != 0) return 0;
-    return std::max<int64_t>(status.st_size - position, 0);
+    return std::clamp<int64_t>(status.st_size - position, 0, kMostOfOneRead);
 }
 
 // One that has been hung up no longer answers, but with an error that no other device has.

@@ -28,6 +28,16 @@ TEST_F(FileFilter, CountsTheBytesFromThePositionToTheEnd) {
     EXPECT_EQ(waitForOne().data, 2);
 }
 
+TEST_F(FileFilter, CountsNoMoreThanOneReadTakes) {
+    const off_t size = off_t{3} << 30;
+    ASSERT_EQ(ftruncate(file, size), 0);  // sparse
+    add(file, EVFILT_READ);
+    const off_t count = waitForOne().data;
+    EXPECT_EQ(count, 0x7ffff000);
+    ASSERT_EQ(lseek(file, count, SEEK_SET), count);
+    EXPECT_EQ(waitForOne().data, size - count);
+}
+
 TEST_F(FileFilter, IsSilentAtTheEndAndWakesWhenTheFileGrows) {
     add(file, EVFILT_READ);
     EXPECT_TRUE(wait(8, 10).empty());
