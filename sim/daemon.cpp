@@ -103,7 +103,7 @@ bool Daemon::listen(std::string& error) {
     }
     servers->start(loop);
     const bool trafficStarted = startDeviceTraffic();
-    loop->start();
+    loop->start();  // also before a failure: a loop that never ran cannot be stopped
     if (!trafficStarted) {
         error = "cannot make a timer";
         return false;

@@ -1,7 +1,9 @@
 // Sends one client its replies, in order and in a given manner.
 //
 // What takes its time waits in a queue: a timer fires before each piece, and the next piece is not
-// sent before the kernel has taken the one before.
+// sent before the kernel has taken the one before. The same timer looks for the moment to close a
+// connection, when all is sent. Should the loop have no memory to start it, which the loop logs,
+// what waits is never sent.
 //
 // Threads    the loop's I/O thread.
 // Ownership  the connection keeps its sender; the sender keeps its timer, and the loop and the
@@ -51,6 +53,6 @@ private:
     const ReplyManner manner;
     std::deque<std::vector<char>> waiting;
     size_t sentOfFirst = 0;
-    std::shared_ptr<HXKQueueTimer> timer;  // null: none was needed yet
+    std::shared_ptr<HXKQueueTimer> timer;  // null: none is needed
     bool closing = false;
 };

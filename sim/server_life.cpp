@@ -15,9 +15,14 @@ void ServerLife::start(std::weak_ptr<HXKQueue> loopOfTimers) noexcept {
 }
 
 std::optional<std::string> ServerLife::answer(int32_t command, std::string_view payload) {
-    std::optional<std::string> reply = answerRequest(*inventory, command, payload);
-    follow();
-    return reply;
+    try {
+        std::optional<std::string> reply = answerRequest(*inventory, command, payload);
+        follow();
+        return reply;
+    } catch (...) {
+        follow();  // what the request has begun goes on, though nobody is told
+        throw;
+    }
 }
 
 void ServerLife::follow() noexcept {

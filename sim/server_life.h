@@ -6,7 +6,8 @@
 //
 // Threads    start: before the loop runs. answer: the loop's I/O thread.
 // Ownership  the timers' blocks keep the life weakly, and the life its loop.
-// Errors     a step that there is no timer to be had for is completed at once.
+// Errors     a step whose timer cannot be made is completed at once. One whose timer the loop has
+//            no memory to start, which the loop logs, is not completed.
 #pragma once
 
 #include <cstdint>

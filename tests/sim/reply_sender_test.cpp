@@ -58,7 +58,7 @@ TEST_F(Misbehaviour, DelayComesBeforeEachReply) {
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(150));
 }
 
-TEST_F(Misbehaviour, DelayedClientsWaitSideBySide) {
+TEST_F(Misbehaviour, HundredDelayedClientsAllGetTheirReplies) {
     const RunningProgram daemon = startWith("delay", "1");
     std::vector<UnixStream> clients;
     for (int i = 0; i < 100; ++i) {
@@ -76,7 +76,7 @@ TEST_F(Misbehaviour, DelayOfNothingIsNone) {
     EXPECT_EQ(exchange(kListRequest), kListReply);
 }
 
-TEST_F(Misbehaviour, ClientsThatLeaveBeforeALateReplyLeaveNothingBehind) {
+TEST_F(Misbehaviour, ClientThatEndsItsSendingBeforeALateReplyIsClosedAtOnce) {
     for (const char* word : {"delay", "bytes"}) {
         RunningProgram daemon = startWith(word, kForever);
         for (int i = 0; i < 50; ++i) {

@@ -131,7 +131,7 @@ TEST_F(LivingServers, LaterRequestsDecideWhereAServerEnds) {
     EXPECT_NE(listOnceItHas(R"("id":4,"host":"new","port":5,"state":"disconnected")"), "");
 }
 
-// The timers of the four servers before fire while the fifth connects; their ids are gone.
+// The timers of the four servers before may fire while the fifth connects; their ids are gone.
 TEST_F(LivingServers, ServerRemovedWhileConnectingIsGoneForGood) {
     const RunningProgram daemon = start({"--latency", "5"});
     for (int id = 4; id < 8; ++id) {
