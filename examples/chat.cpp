@@ -98,7 +98,8 @@ void Room::onEvent(const Stream& stream, std::string_view received, uint64_t* dr
 }
 
 void Room::hear(const Stream& stream, std::string_view line) {
-    if (!line.empty()) tellOthers(stream, members[stream] + ": " + plain(line));
+    const std::string text = plain(line);
+    if (!text.empty()) tellOthers(stream, members[stream] + ": " + text);
 }
 
 void Room::tellOthers(const Stream& stream, const std::string& line) {

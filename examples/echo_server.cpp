@@ -75,7 +75,8 @@ void Echo::onEvent(const char* bytes, uint64_t size, int32_t code) noexcept {
     if (!running || !stream) return;
     if (code == HXKQueueEventData) {
         running->write(stream, bytes, size);
-        if (stream->pendingBytes() > kMostPending) pause(*running);
+        // A write that failed may have paused it in this same iteration.
+        if (!timer && stream->pendingBytes() > kMostPending) pause(*running);
     } else if (code == HXKQueueEventTerminated) {
         if (timer || stream->pendingBytes() == 0)
             end(*running);

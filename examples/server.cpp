@@ -69,7 +69,10 @@ sigset_t blockEndingSignals() {
 int serve(const char* unixPath, const char* address, const char* port, ConnectionHandler handler) {
     const sigset_t signals = blockEndingSignals();
     const auto loop = HXKQueue::initWithSubsystem("org.example.server");
-    if (!loop) return 1;
+    if (!loop) {
+        std::fputs("cannot make an event loop\n", stderr);
+        return 1;
+    }
     const Source server =
         unixPath ? listenOnPath(*loop, unixPath) : listenOnAddress(*loop, address, port);
     if (!server) return 1;

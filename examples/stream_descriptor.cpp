@@ -30,7 +30,7 @@ bool isRegularFile(int fd) noexcept {
 
 bool isFileAtEnd(int fd) noexcept {
     struct stat file {};
-    return isRegularFile(fd) && fstat(fd, &file) == 0 && lseek(fd, 0, SEEK_CUR) >= file.st_size;
+    return fstat(fd, &file) == 0 && S_ISREG(file.st_mode) && lseek(fd, 0, SEEK_CUR) >= file.st_size;
 }
 
 BlockingMode::BlockingMode(int descriptor) noexcept : fd(descriptor), flags(fcntl(fd, F_GETFL)) {

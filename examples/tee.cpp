@@ -30,6 +30,14 @@ int statusOfEnd() {
     return isRegularFile(STDIN_FILENO) ? fail("standard input", "cannot be read") : 0;
 }
 
+// A terminal announces all the lines that wait and gives one; zeros stand for the others.
+uint64_t countZerosAtEnd(const char* bytes, uint64_t size) {
+    uint64_t count = 0;
+    while (count < size && bytes[size - count - 1] == '\0')
+        ++count;
+    return count;
+}
+
 // All but the result is the I/O thread's. The two sources' blocks own it until they are stopped.
 class Tee : public std::enable_shared_from_this<Tee> {
 public:
@@ -78,6 +86,7 @@ void Tee::onEvent(const char* bytes, uint64_t size, int32_t code) {
     const auto running = loop.lock();
     if (!running || !timer) return;
     if (code == HXKQueueEventData) {
+        if (isatty(STDIN_FILENO) != 0) size -= countZerosAtEnd(bytes, size);
         running->write(stream, bytes, size);
         if (stream->pendingBytes() > kMostPending) pause();
     } else if (code == HXKQueueEventTerminated) {

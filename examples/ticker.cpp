@@ -63,10 +63,13 @@ void startTicking(const std::shared_ptr<HXKQueue>& loop, Ticker& ticker,
 
 int tick(int32_t periodMs, int32_t count) {
     const auto loop = HXKQueue::initWithSubsystem("org.example.ticker");
-    if (!loop) return 1;
-    const auto periodic = loop->createTimer(static_cast<uint64_t>(periodMs), false);
-    const auto last = loop->createTimer(static_cast<uint64_t>(periodMs), true);
-    if (!periodic || !last) return 1;
+    const auto periodic =
+        loop ? loop->createTimer(static_cast<uint64_t>(periodMs), false) : nullptr;
+    const auto last = loop ? loop->createTimer(static_cast<uint64_t>(periodMs), true) : nullptr;
+    if (!periodic || !last) {
+        std::fputs("ticker: cannot make a loop with two timers\n", stderr);
+        return 1;
+    }
     Ticker ticker{.count = count};
     startTicking(loop, ticker, periodic, last);
     loop->start();

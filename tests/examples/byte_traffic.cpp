@@ -19,7 +19,7 @@ bool waitForRoom(int fd) {
 
 }  // namespace
 
-// The multipliers of xorshift64* (Vigna); fast also where nothing is optimised.
+// By xorshift64*, which is fast also where nothing is optimised.
 std::string noise(size_t size, uint32_t seed) {
     uint64_t state = seed + uint64_t{1};
     std::string bytes(size + sizeof state, '\0');

@@ -60,6 +60,11 @@ TEST_F(Chat, LastWordsOfOneWhoLeavesAreHeard) {
     EXPECT_EQ(receiveLine(second), "guest1 leaves\n");
 }
 
+TEST_F(Chat, EmptyLinesAreNotPassedOnWhateverTheyEndWith) {
+    ASSERT_TRUE(first.send("\r\n\nhi\r\n"));
+    EXPECT_EQ(receiveLine(second), "guest1: hi\n");
+}
+
 TEST_F(Chat, ControlCharactersDoNotReachOthersTerminals) {
     ASSERT_TRUE(first.send("\x1b[2J\tf\xc3\xbcr\x7f\n"));
     EXPECT_EQ(receiveLine(second), "guest1: ?[2J?f\xc3\xbcr?\n");

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <vector>
 
@@ -53,8 +54,10 @@ int bindPlaceholder(int family) {
     setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     Address address = loopback(family);
     if (bind(sock, address.get(), address.length) == 0) return sock;
+    const int error = errno;
     close(sock);
-    throw TcpServerRun::NoAddress();
+    if (error == EADDRNOTAVAIL) throw TcpServerRun::NoAddress();
+    throw std::runtime_error("cannot bind a placeholder: " + std::string(std::strerror(error)));
 }
 
 std::string boundPort(int sock) {
