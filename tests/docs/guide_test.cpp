@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -32,7 +33,7 @@ TEST(Guide, FirstLinesTick) {
 
 // A directory of the test's own, empty again and gone at the end.
 std::string makeDirectory() {
-    std::string path = "/tmp/hxkqueue-guide-XXXXXX";
+    std::string path = std::filesystem::temp_directory_path() / "hxkqueue-guide-XXXXXX";
     if (!mkdtemp(path.data())) throw std::runtime_error("cannot make a directory");
     return path;
 }
