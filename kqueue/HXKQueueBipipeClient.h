@@ -67,15 +67,9 @@ public:
     // Removes both filters, or, with closeOnStop, closes both descriptors.
     void stop() override;
 
-    // The bytes that were queued and that the kernel has not taken yet. A stop loses them. Any
-    // thread.
+    // These three as HXKQueueStreamSocket's.
     [[nodiscard]] uint64_t pendingBytes() const;
-
-    // Until resumeReading nothing more is read: what arrives, and its end, waits in the kernel.
-    // From the source's own block only, with any code but HXKQueueEventConnected.
     void pauseReading();
-
-    // Takes effect within 5 ms. Nothing happens once the source is asked to stop. Any thread.
     void resumeReading();
 
 private:

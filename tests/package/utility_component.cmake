@@ -1,6 +1,7 @@
 # Installs the programs alone.
 
 file(REMOVE_RECURSE ${WORK})
+unset(ENV{DESTDIR})
 execute_process(
     COMMAND ${CMAKE_COMMAND} --install ${BINARY_DIR} --component utility --prefix ${WORK}
     OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
