@@ -186,6 +186,12 @@ TEST(LoopThatWasNeverStarted, GoesWhenItIsDropped) {
     EXPECT_TRUE(watch.expired());
 }
 
+TEST(LoopThatIsDropped, LeavesItsQueueOpen) {
+    const int kq = nextDescriptor();
+    HXKQueue::initWithSubsystem("org.example.usb.virt.ctl").reset();
+    EXPECT_EQ(close(kq), 0);
+}
+
 TEST(LoopThatIsDropped, IsKeptByItsThread) {
     LogRecorder log;
     std::weak_ptr<HXKQueue> watch;
