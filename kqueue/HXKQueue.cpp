@@ -50,6 +50,7 @@ struct HXKQueue::IOThreadState {
     std::vector<struct kevent> events;
     std::vector<struct kevent> changes;  // trades places with changeList
     SourceMap snapshot;  // routes records; keeps a stopped source until the walk ends
+    std::vector<std::shared_ptr<const HXKQueueEventBlock>> stoppedBlocks;  // trades likewise
 };
 
 std::shared_ptr<HXKQueue> HXKQueue::initWithSubsystem(const char* subsystem) {
@@ -86,7 +87,11 @@ bool HXKQueue::initialise(const char* subsystem) {
         make("cannot initialize lock",
              [this] { lock = std::make_unique<std::recursive_mutex>(); }) &&
         make("cannot initialize change list", [this] { changeList.reserve(kChangeCapacity); }) &&
-        make("cannot initialize stop list", [this] { stopList.reserve(kStopCapacity); }) &&
+        make("cannot initialize stop list",
+             [this] {
+                 stopList.reserve(kStopCapacity);
+                 stoppedBlocks.reserve(kStopCapacity);
+             }) &&
         make("cannot initialize active list", [this] {
             activeList.reserve(kStopCapacity);
             activeListChanged.reserve(kStopCapacity);
@@ -118,19 +123,26 @@ void HXKQueue::start() {
     logger->debug("kqueue io thread is started");
 }
 
-// Sources are taken out one by one because a block that goes may ask for others to be stopped.
 void HXKQueue::stop() {
     ioThread->cancel();
     while (!ioThread->isFinished())
         sleep(1);
-    {
-        const std::lock_guard guard(*lock);
-        releaseStoppedUnlocked();
-        while (!activeList.empty())
-            activeList.extract(activeList.begin()).mapped()->stop();
-        releaseStoppedUnlocked();
+    while (stopRemaining()) {
+        // What the blocks held may have made, or asked to stop, other sources.
     }
     close(kq);
+}
+
+// False when there was nothing to stop. The blocks go after the lock is released.
+bool HXKQueue::stopRemaining() {
+    std::vector<std::shared_ptr<const HXKQueueEventBlock>> going;
+    const std::lock_guard guard(*lock);
+    const bool found = !stopList.empty() || !activeList.empty();
+    releaseStoppedUnlocked();
+    while (!activeList.empty())
+        activeList.extract(activeList.begin()).mapped()->stop();
+    going.swap(stoppedBlocks);
+    return found;
 }
 
 std::shared_ptr<HXKQueueStreamSocket> HXKQueue::createStreamSocket(int sock, bool closeOnStop) {
@@ -271,6 +283,16 @@ void HXKQueue::submitChange(const struct kevent* change) {
     }
 }
 
+void HXKQueue::dropUnlocked(std::shared_ptr<const HXKQueueEventBlock> block) noexcept {
+    if (!block) return;
+    const std::lock_guard guard(*lock);
+    try {
+        stoppedBlocks.push_back(std::move(block));
+    } catch (const std::bad_alloc&) {
+        block.reset();
+    }
+}
+
 void HXKQueue::logInet(const char* kind, const struct sockaddr* address, const void* object) const {
     if (!logger->isEnabled(LogLevel::Debug)) return;
     char buffer[100];
@@ -305,6 +327,7 @@ void HXKQueue::ioThreadRoutine(void* /*ignored*/) {
     }
     while (!ioThread->isCancelled()) {
         if (!prepareIteration(io)) return;
+        io.stoppedBlocks.clear();
         const int count = ::kevent(kq, io.changes.data(), static_cast<int>(io.changes.size()),
                                    io.events.data(), static_cast<int>(io.events.size()), &kWait);
         dispatch(io, count);
@@ -322,6 +345,7 @@ bool HXKQueue::prepareIteration(IOThreadState& io) {
     if (!renewed) return false;
     io.changes.clear();
     io.changes.swap(changeList);
+    io.stoppedBlocks.swap(stoppedBlocks);
     return true;
 }
 

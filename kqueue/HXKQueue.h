@@ -133,6 +133,11 @@ public:
     // be held.
     void submitChange(const struct kevent* change);
 
+    // For sources, in stop: lets the block go when `lock`, which stop runs under, is released, so
+    // that what the block holds may call any operation as it goes. Without memory to wait for
+    // that, it goes at once.
+    void dropUnlocked(std::shared_ptr<const HXKQueueEventBlock> block) noexcept;
+
     // For factories: the debug line of a new Internet endpoint.
     void logInet(const char* kind, const struct sockaddr* address, const void* object) const;
 
@@ -145,6 +150,7 @@ private:
     bool prepareIteration(IOThreadState& io);
     void renewSnapshotUnlocked(SourceMap& snapshot);
     static void dispatch(const IOThreadState& io, int count);
+    bool stopRemaining();
     void releaseStoppedUnlocked();
     void dropAdditionsOfStoppedUnlocked();
 
@@ -164,7 +170,8 @@ private:
     std::unordered_set<std::shared_ptr<HXKQueueEventProtocol>> stopList;  // guarded by lock
     SourceMap activeList;                                                 // guarded by lock
     // The keys whose entries the I/O thread has not seen since they came or went.
-    std::vector<uint64_t> activeListChanged;  // guarded by lock
+    std::vector<uint64_t> activeListChanged;                               // guarded by lock
+    std::vector<std::shared_ptr<const HXKQueueEventBlock>> stoppedBlocks;  // guarded by lock
 
     std::unique_ptr<ThreadObject> ioThread;
 

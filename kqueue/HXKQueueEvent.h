@@ -45,9 +45,8 @@ enum : int32_t {
 // result     listening servers: true keeps the accepted connection, false has it closed. Ignored
 //            by all others.
 //
-// What a block holds goes when the source is stopped, with the loop's lock held: a destructor that
-// runs then must not wait for a lock that is held elsewhere around calls of the loop. A stream's
-// own lock is one: the destructor must not call write or pendingBytes.
+// What a block holds goes when the source is stopped, on the thread that stops it, with no lock of
+// the library held.
 //
 // Runs on the I/O thread; HXKQueueEventConnected, and HXKQueueEventTerminated for want of memory
 // to keep the block, also on the thread that enables the source. No lock of the library is held,

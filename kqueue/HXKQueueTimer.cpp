@@ -43,7 +43,9 @@ void HXKQueueTimer::kevent(const struct kevent* record) {
 void HXKQueueTimer::stop() {
     logger->debug("<%p>: stop timer #%d", static_cast<void*>(this), ident);
     submit(0, EV_DELETE);
-    eventBlock.clear();
+    const auto loop = parent.lock();
+    auto block = eventBlock.take();
+    if (loop) loop->dropUnlocked(std::move(block));
 }
 
 // NOTE_BACKGROUND lets the kernel put the expiry together with others.

@@ -36,7 +36,9 @@ bool ByteStream::keepBlock(HXKQueueEventBlock block) {
 }
 
 void ByteStream::forgetBlock() noexcept {
-    eventBlock.clear();
+    const auto loop = parent.lock();
+    auto block = eventBlock.take();
+    if (loop) loop->dropUnlocked(std::move(block));
 }
 
 void ByteStream::report(int32_t code) const {

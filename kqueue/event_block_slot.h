@@ -22,7 +22,10 @@ public:
         replace(std::make_shared<const HXKQueueEventBlock>(std::move(block)));
     }
 
-    void clear() noexcept { replace(nullptr); }
+    // Leaves no block; the earlier one is the caller's, to let go where that harms nobody.
+    [[nodiscard]] std::shared_ptr<const HXKQueueEventBlock> take() noexcept {
+        return replace(nullptr);
+    }
 
     // False without a block.
     bool call(const std::shared_ptr<HXKQueueEventProtocol>& source, const char* bytes,
@@ -37,10 +40,12 @@ private:
         return installed;
     }
 
-    // The earlier block, and all that it holds, goes after the lock is released.
-    void replace(std::shared_ptr<const HXKQueueEventBlock> block) noexcept {
+    // Returns the earlier block, which thus outlives the hold of the lock.
+    std::shared_ptr<const HXKQueueEventBlock> replace(
+        std::shared_ptr<const HXKQueueEventBlock> block) noexcept {
         const std::lock_guard guard(lock);
         installed.swap(block);
+        return block;
     }
 
     mutable std::mutex lock;

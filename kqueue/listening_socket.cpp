@@ -38,7 +38,9 @@ void ListeningSocket::stop(HXKQueueEventProtocol* server) {
     logger->debug("<%p>: stop", static_cast<void*>(server));
     submitReadEvent(server, EV_DELETE);
     close(sock);
-    eventBlock.clear();
+    const auto loop = parent.lock();
+    auto block = eventBlock.take();
+    if (loop) loop->dropUnlocked(std::move(block));
 }
 
 void ListeningSocket::hangUp(int connection) noexcept {

@@ -168,6 +168,41 @@ TEST_F(Loop, BlockDroppedByStopMayAskForOtherSourcesToStop) {
     loop = nullptr;
 }
 
+// Waits, as it goes, for another thread's write, which needs the loop's lock.
+struct WaitsForAWrite {
+    ~WaitsForAWrite() {
+        written = std::async(std::launch::async, [this] { loop.write(source, "x", 1); });
+        wasHeldUp = written.wait_for(std::chrono::seconds(5)) != std::future_status::ready;
+    }
+
+    HXKQueue& loop;
+    std::shared_ptr<HXKQueueStreamSocket> source;
+    std::atomic<bool>& wasHeldUp;
+    std::future<void>& written;
+};
+
+TEST_F(Loop, WhatABlockHoldsMayWaitForAnotherThreadThatUsesTheLoopAsItGoes) {
+    std::array<std::future<void>, 2> writes;
+    std::array<std::atomic<bool>, 2> wereHeldUp{};
+    const Stream other = makeStream();
+    loop->startObject(other.source, [](auto&&...) { return true; });
+    const std::array<Stream, 2> streams = {makeStream(), makeStream()};
+    for (size_t i = 0; i < streams.size(); ++i) {
+        const std::shared_ptr<WaitsForAWrite> held(
+            new WaitsForAWrite{*loop, other.source, wereHeldUp[i], writes[i]});
+        loop->startObject(streams[i].source, [held](auto&&...) { return true; });
+    }
+    loop->stopObject(streams[0].source);
+    char byte = 0;
+    EXPECT_EQ(recv(other.peer, &byte, 1, 0), 1);
+    loop->stop();  // lets the other one's block go
+    EXPECT_FALSE(wereHeldUp[0]);
+    EXPECT_FALSE(wereHeldUp[1]);
+    loop = nullptr;
+    for (const int peer : {other.peer, streams[0].peer, streams[1].peer})
+        close(peer);
+}
+
 TEST(LoopThatWasNeverStarted, NeverComesBackFromStop) {
     const Outcome outcome = runInChild([] {
         const auto loop = HXKQueue::initWithSubsystem("org.example.usb.virt.ctl");
