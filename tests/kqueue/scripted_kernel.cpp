@@ -25,7 +25,9 @@ void ScriptedKernel::reset() {
 
 void ScriptedKernel::deliver(std::vector<struct kevent> records) {
     const std::lock_guard guard(lock);
-    pending.insert(pending.end(), records.begin(), records.end());
+    // The next call may belong to an iteration that has begun already.
+    for (const struct kevent& record : records)
+        pending.push_back({.record = record, .dueCall = calls + 2});
     changed.notify_all();
 }
 
@@ -58,11 +60,11 @@ void ScriptedKernel::failNextCall() {
     failing = true;
 }
 
-// Three calls: the one under way may have begun before, the next hands out what is pending, and
-// that has been handled when one more begins.
+// What is pending is handed out by the second call from now at the latest, and has been handled
+// when the third begins, which is given the changes that came of it.
 void ScriptedKernel::settle() {
     std::unique_lock guard(lock);
-    const size_t enough = calls + 3;
+    const size_t enough = calls + 4;
     changed.wait(guard, [&] { return calls >= enough; });
 }
 
@@ -115,10 +117,15 @@ int ScriptedKernel::call(const struct kevent* changes, int changeCount, struct k
         return -1;
     }
     submitted.insert(submitted.end(), changes, changes + changeCount);
-    changed.wait_for(guard, std::chrono::nanoseconds(timeout->tv_nsec),
-                     [&] { return !pending.empty(); });
-    const size_t count = std::min(pending.size(), static_cast<size_t>(room));
-    std::copy_n(pending.begin(), count, events);
+    if (pending.empty())
+        changed.wait_for(guard, std::chrono::nanoseconds(timeout->tv_nsec),
+                         [&] { return !pending.empty(); });
+    const auto end = std::find_if(pending.begin(), pending.end(),
+                                  [this](const Pending& each) { return each.dueCall > calls; });
+    const size_t due = static_cast<size_t>(end - pending.begin());
+    const size_t count = std::min(due, static_cast<size_t>(room));
+    for (size_t i = 0; i < count; ++i)
+        events[i] = pending[i].record;
     pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(count));
     return static_cast<int>(count);
 }

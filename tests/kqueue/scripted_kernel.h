@@ -1,7 +1,7 @@
 // The kernel's side of kevent(2), played by a test: the executable's calls of it come here instead
 // of to the system (by the linker's --wrap).
 //
-// Changes are written down and go no further; the records that the test hands in are what the next
+// Changes are written down and go no further; the records that the test hands in are what a later
 // call returns. Without any, a call waits out its timeout or until there are some. The loop's
 // submitChange passes by here too.
 #pragma once
@@ -27,7 +27,8 @@ public:
     // Forgets everything.
     void reset();
 
-    // Returned by the next call, which returns at once.
+    // Returned by the first call whose whole iteration comes after this, so by one that knows every
+    // source that has been registered. The calls before it return at once.
     void deliver(std::vector<struct kevent> records);
 
     // Runs action, once, on the thread that submits the next removal, before the loop has it.
@@ -62,7 +63,12 @@ private:
     mutable std::mutex lock;
     std::condition_variable changed;
     std::vector<struct kevent> submitted;
-    std::vector<struct kevent> pending;
+    struct Pending {
+        struct kevent record;
+        size_t dueCall;
+    };
+
+    std::vector<Pending> pending;
     std::function<void()> beforeRemoval;
     std::function<void()> beforeAddition;
     std::function<void()> duringCall;
