@@ -131,9 +131,9 @@ TEST_F(Loop, StopTakesAboutASecondStopsEverySourceAndClosesTheQueue) {
         stream = makeStream();
         loop->startObject(stream.source, events.block());
     }
+    const size_t descriptors = openDescriptors();
     loop->stopObject(streams[0].source);
     const auto start = std::chrono::steady_clock::now();
-    const size_t descriptors = openDescriptors();
     loop->stop();
     const auto elapsed = std::chrono::steady_clock::now() - start;
     EXPECT_GE(elapsed, 900ms);
