@@ -133,7 +133,7 @@ void HXKQueue::stop() {
     close(kq);
 }
 
-// False when there was nothing to stop. The blocks go after the lock is released.
+// False when there was nothing to stop, and no block to go. These go after the lock is released.
 bool HXKQueue::stopRemaining() {
     std::vector<std::shared_ptr<const HXKQueueEventBlock>> going;
     const std::lock_guard guard(*lock);
@@ -142,7 +142,7 @@ bool HXKQueue::stopRemaining() {
     while (!activeList.empty())
         activeList.extract(activeList.begin()).mapped()->stop();
     going.swap(stoppedBlocks);
-    return found;
+    return found || !going.empty();
 }
 
 std::shared_ptr<HXKQueueStreamSocket> HXKQueue::createStreamSocket(int sock, bool closeOnStop) {

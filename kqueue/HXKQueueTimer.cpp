@@ -43,9 +43,7 @@ void HXKQueueTimer::kevent(const struct kevent* record) {
 void HXKQueueTimer::stop() {
     logger->debug("<%p>: stop timer #%d", static_cast<void*>(this), ident);
     submit(0, EV_DELETE);
-    const auto loop = parent.lock();
-    auto block = eventBlock.take();
-    if (loop) loop->dropUnlocked(std::move(block));
+    eventBlock.clear(parent);
 }
 
 // NOTE_BACKGROUND lets the kernel put the expiry together with others.

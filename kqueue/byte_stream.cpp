@@ -36,9 +36,7 @@ bool ByteStream::keepBlock(HXKQueueEventBlock block) {
 }
 
 void ByteStream::forgetBlock() noexcept {
-    const auto loop = parent.lock();
-    auto block = eventBlock.take();
-    if (loop) loop->dropUnlocked(std::move(block));
+    eventBlock.clear(parent);
 }
 
 void ByteStream::report(int32_t code) const {

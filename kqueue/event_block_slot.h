@@ -13,6 +13,8 @@
 
 #include "kqueue/HXKQueueEvent.h"
 
+class HXKQueue;
+
 namespace hxkqueue {
 
 class EventBlockSlot {
@@ -26,6 +28,10 @@ public:
     [[nodiscard]] std::shared_ptr<const HXKQueueEventBlock> take() noexcept {
         return replace(nullptr);
     }
+
+    // Leaves no block, in a source's stop: lets loop, if it still exists, drop the earlier one once
+    // its lock is released.
+    void clear(const std::weak_ptr<HXKQueue>& loop) noexcept;
 
     // False without a block.
     bool call(const std::shared_ptr<HXKQueueEventProtocol>& source, const char* bytes,

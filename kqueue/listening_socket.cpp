@@ -38,9 +38,7 @@ void ListeningSocket::stop(HXKQueueEventProtocol* server) {
     logger->debug("<%p>: stop", static_cast<void*>(server));
     submitReadEvent(server, EV_DELETE);
     close(sock);
-    const auto loop = parent.lock();
-    auto block = eventBlock.take();
-    if (loop) loop->dropUnlocked(std::move(block));
+    eventBlock.clear(parent);
 }
 
 void ListeningSocket::hangUp(int connection) noexcept {

@@ -60,14 +60,14 @@ public:
              const struct timespec* timeout);
 
 private:
-    mutable std::mutex lock;
-    std::condition_variable changed;
-    std::vector<struct kevent> submitted;
     struct Pending {
         struct kevent record;
         size_t dueCall;
     };
 
+    mutable std::mutex lock;
+    std::condition_variable changed;
+    std::vector<struct kevent> submitted;
     std::vector<Pending> pending;
     std::function<void()> beforeRemoval;
     std::function<void()> beforeAddition;

@@ -349,7 +349,7 @@ TEST(LoopStopRace, UnderLoadFromItsSourcesAndAnotherThread) {
     if (!lacking.empty()) GTEST_SKIP() << lacking;
     const LogRecorder log(LogLevel::Error);
     const size_t before = openDescriptors();
-    for (size_t round = 0; round < stress::kLoopRounds; round += kLoopsAtOnce) {
+    for (size_t round = 0; round < stress::kRounds; round += kLoopsAtOnce) {
         BlockTokens tokens;
         std::vector<std::unique_ptr<BusyLoop>> loops;
         for (size_t i = 0; i < kLoopsAtOnce; ++i)

@@ -34,9 +34,6 @@ inline constexpr size_t kMessages = 100;
 // Rounds of each race between a stop and something else.
 inline constexpr size_t kRounds = 1'000;
 
-// Loops that are stopped under load.
-inline constexpr size_t kLoopRounds = 1'000;
-
 // Sources that eight threads share.
 inline constexpr size_t kSharedSources = 1'000;
 

@@ -52,6 +52,27 @@ TEST_F(WithoutMemory, StepThatThereIsNoTimerForIsCompletedAtOnce) {
     EXPECT_EQ(inventory->servers()[0].state, ServerState::Connecting);
 }
 
+// Each allocation of the request fails in turn, those of its reply after it has begun a step.
+TEST(WithoutLoop, StepGoesOnThoughItsRequestGetsNoReply) {
+    bool happened = true;
+    size_t unanswered = 0;
+    for (uint64_t nth = 1; happened; ++nth) {
+        const auto inventory = std::make_shared<Inventory>(std::vector<Server>{});
+        const auto life = std::make_shared<ServerLife>(inventory, kForeverMs);
+        FailingAllocations failing(nth);
+        try {
+            static_cast<void>(life->answer(1, R"({"host":"new","port":5})"));
+        } catch (const std::bad_alloc&) {
+            if (!inventory->servers().empty()) ++unanswered;
+        }
+        failing.end();
+        happened = failing.happened();
+        for (const Server& server : inventory->servers())
+            EXPECT_EQ(server.state, ServerState::Connected) << nth;
+    }
+    EXPECT_GT(unanswered, 0U);
+}
+
 TEST(WithoutLoop, StepIsCompletedAtOnce) {
     const auto inventory = oneConnectingServer();
     const auto life = std::make_shared<ServerLife>(inventory, kForeverMs);
