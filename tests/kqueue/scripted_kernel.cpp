@@ -23,7 +23,7 @@ void ScriptedKernel::reset() {
     failures = 0;
 }
 
-void ScriptedKernel::deliver(std::vector<struct kevent> records) {
+void ScriptedKernel::deliver(const std::vector<struct kevent>& records) {
     const std::lock_guard guard(lock);
     // The next call may belong to an iteration that has begun already.
     for (const struct kevent& record : records)

@@ -29,7 +29,7 @@ public:
 
     // Returned by the first call whose whole iteration comes after this, so by one that knows every
     // source that has been registered. The calls before it return at once.
-    void deliver(std::vector<struct kevent> records);
+    void deliver(const std::vector<struct kevent>& records);
 
     // Runs action, once, on the thread that submits the next removal, before the loop has it.
     void beforeNextRemoval(std::function<void()> action);

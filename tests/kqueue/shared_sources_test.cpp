@@ -192,7 +192,7 @@ private:
     }
 
     HXKQueueEventBlock sourceBlock(Connection& connection) {
-        return [this, &connection, self = connection.source.get(), token = tokens.issue()](
+        return [&connection, self = connection.source.get(), token = tokens.issue()](
                    const auto& source, const char* bytes, uint64_t size, uint64_t* dropSize,
                    int32_t code) {
             if (source.get() != self) connection.foreignSource = true;
