@@ -8,12 +8,15 @@ set(include_destination ${CMAKE_INSTALL_INCLUDEDIR}/hxkqueue)
 set(package_destination ${CMAKE_INSTALL_LIBDIR}/cmake/hxkqueue)
 set(pkg_config_destination ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+get_target_property(header_sets hxkqueue INTERFACE_HEADER_SETS)
+foreach(header_set IN LISTS header_sets)
+    list(APPEND install_header_sets
+        FILE_SET ${header_set} DESTINATION ${include_destination} COMPONENT development)
+endforeach()
 install(TARGETS hxkqueue EXPORT hxkqueue
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
     INCLUDES DESTINATION ${include_destination}
-    FILE_SET HEADERS DESTINATION ${include_destination} COMPONENT development
-    FILE_SET internal_headers DESTINATION ${include_destination} COMPONENT development
-    FILE_SET system_headers DESTINATION ${include_destination} COMPONENT development)
+    ${install_header_sets})
 install(EXPORT hxkqueue NAMESPACE hxkqueue:: FILE hxkqueueTargets.cmake
     DESTINATION ${package_destination} COMPONENT development)
 

@@ -6,6 +6,6 @@
 
 inline constexpr size_t kBaseNameSize = 1024;
 
-// Writes the component and a NUL to out. A path of kBaseNameSize bytes or more leaves out
+// Writes the component and a NUL to out; a component of kBaseNameSize bytes or more leaves out
 // untouched. Re-entrant.
 void baseName(const char* path, char (&out)[kBaseNameSize]) noexcept;

@@ -35,7 +35,8 @@ std::shared_ptr<const LogSink> currentSink() {
     return settings().sink;
 }
 
-void formatLine(char (&line)[kMaxLine], const char* format, va_list arguments) {
+[[gnu::format(printf, 2, 0)]] void formatLine(char (&line)[kMaxLine], const char* format,
+                                              va_list arguments) {
     if (std::vsnprintf(line, sizeof line, format, arguments) < 0) line[0] = '\0';
 }
 

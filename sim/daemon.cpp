@@ -28,10 +28,12 @@ constexpr const char* kSubsystem = "org.hxusbvctl.sim.usb.virt.ctl";
 // What a connect to the path runs into: 0 when somebody takes the connection. It does not wait
 // for a daemon whose backlog is full; that shows as EAGAIN.
 int connectError(const sockaddr_un& address) {
-    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const int probe = socket(AF_UNIX, SOCK_STREAM, 0);
     if (probe == -1) return errno;
-    const int result = connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    const int failure = result == 0 ? 0 : errno;
+    const bool connected =
+        fcntl(probe, F_SETFL, O_NONBLOCK) == 0 &&
+        connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    const int failure = connected ? 0 : errno;
     close(probe);
     return failure;
 }

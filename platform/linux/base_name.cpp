@@ -1,15 +1,14 @@
 #include "platform/base_name.h"
 
-#include <libgen.h>
+#include <string_view>
 
-#include <cstring>
-
-// POSIX' basename may cut the text it is given and answers with a pointer into it.
+// basename(3) may cut the text it is given, and its name may lie in that text or elsewhere.
 void baseName(const char* path, char (&out)[kBaseNameSize]) noexcept {
-    char scratch[kBaseNameSize];
-    const size_t size = std::strlen(path) + 1;
-    if (size > sizeof scratch) return;
-    std::memcpy(scratch, path, size);
-    const char* name = basename(scratch);
-    std::memcpy(out, name, std::strlen(name) + 1);
+    std::string_view name = path;
+    while (name.size() > 1 && name.ends_with('/'))
+        name.remove_suffix(1);
+    if (name.empty()) name = ".";
+    if (name != "/") name.remove_prefix(name.rfind('/') + 1);
+    if (name.size() >= sizeof out) return;
+    out[name.copy(out, name.size())] = '\0';
 }

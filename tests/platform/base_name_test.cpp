@@ -20,16 +20,23 @@ TEST(BaseName, IsTheLastComponent) {
 
 TEST(BaseName, IgnoresTrailingSlashes) {
     EXPECT_EQ(nameOf("/usr/sbin//"), "sbin");
+    EXPECT_EQ(nameOf("sbin/"), "sbin");
 }
 
 TEST(BaseName, OfTheRootIsASlashAndOfNothingADot) {
     EXPECT_EQ(nameOf("/"), "/");
+    EXPECT_EQ(nameOf("///"), "/");
     EXPECT_EQ(nameOf(""), ".");
 }
 
-TEST(BaseName, OfAPathBeyondTheBufferLeavesItUntouched) {
-    EXPECT_EQ(nameOf(std::string(kBaseNameSize - 1, 'a')).size(), kBaseNameSize - 1);
-    EXPECT_EQ(nameOf(std::string(kBaseNameSize, 'a')), "untouched");
+TEST(BaseName, OfAPathOfAnyLengthIsItsLastComponent) {
+    EXPECT_EQ(nameOf(std::string(4 * kBaseNameSize, 'a') + "/hxusbvctl"), "hxusbvctl");
+    EXPECT_EQ(nameOf("hxusbvctl" + std::string(4 * kBaseNameSize, '/')), "hxusbvctl");
+}
+
+TEST(BaseName, BeyondTheBufferLeavesItUntouched) {
+    EXPECT_EQ(nameOf("/" + std::string(kBaseNameSize - 1, 'a')).size(), kBaseNameSize - 1);
+    EXPECT_EQ(nameOf("/" + std::string(kBaseNameSize, 'a')), "untouched");
 }
 
 }  // namespace

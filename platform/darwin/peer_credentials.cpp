@@ -1,0 +1,14 @@
+#include "platform/peer_credentials.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+bool peerCredentials(int fd, PeerCredentials& out) noexcept {
+    PeerCredentials peer{};
+    socklen_t length = sizeof peer.pid;
+    if (getpeereid(fd, &peer.uid, &peer.gid) != 0) return false;
+    if (getsockopt(fd, SOL_LOCAL, LOCAL_PEERPID, &peer.pid, &length) != 0) return false;
+    out = peer;
+    return true;
+}
