@@ -1,4 +1,5 @@
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -130,6 +131,8 @@ TEST_F(Trouble, LineThatAnotherReaderTakesFirstIsNoEndOfTheTerminal) {
     if (pair.ours == -1) GTEST_SKIP() << kNoTerminals;
     add(pair.ours, EVFILT_READ);
     send(pair.peer, "line\n");
+    pollfd arrived{.fd = pair.ours, .events = POLLIN, .revents = 0};
+    ASSERT_EQ(poll(&arrived, 1, kPatience), 1);
     readAwayBeforeCount = pair.ours;
     EXPECT_TRUE(wait(8, 20).empty());
     EXPECT_EQ(readAwayBeforeCount, -1);
