@@ -45,6 +45,11 @@ has_boost_json() {
 END
 }
 
+# Where the compiler finds Boost's headers.
+find_boost_header() {
+    echo '#include <boost/version.hpp>' | "${CXX:-c++}" -x c++ -M - | grep -o '/[^ ]*/boost/version.hpp'
+}
+
 has_gtest() {
     compiles -lgtest_main -lgtest -pthread <<'END'
 #include <gtest/gtest.h>
@@ -64,6 +69,13 @@ missing_for_testing() {
     missing_for_building
     has_gtest || echo libgtest-dev
     has pkg-config || echo pkg-config
+}
+
+missing_for_cross_macos() {
+    missing_for_building
+    has llvm-lipo-14 || echo llvm-14
+    has file || echo file
+    has npm || echo npm
 }
 
 # Other versions of these two format and warn otherwise.

@@ -4,6 +4,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+static_assert(SOL_LOCAL == 0 && LOCAL_PEERPID == 2);
+
 bool peerCredentials(int fd, PeerCredentials& out) noexcept {
     PeerCredentials peer{};
     socklen_t length = sizeof peer.pid;

@@ -24,8 +24,6 @@ struct kevent makeChange(int fd, int filter, int flags, void* udata = nullptr) {
     return change;
 }
 
-static_assert(sizeof(struct kevent) == 32);
-
 TEST(EventRecord, NegativeIdentIsSignExtended) {
     struct kevent record;
     EV_SET(&record, -1, EVFILT_READ, EV_ADD, 1, -2, nullptr);
