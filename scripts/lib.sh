@@ -1,4 +1,5 @@
 # What the scripts share: how they speak, and what they need installed. Sourced, never run.
+# macOS has bash 3.2, which knows no mapfile and takes an empty array for an unset variable.
 # shellcheck shell=bash disable=SC2034
 
 readonly run_directory=/var/run
@@ -16,13 +17,23 @@ has() { command -v "$1" >/dev/null 2>&1; }
 # The first argument is the lower of two versions, or they are equal.
 at_least() { [[ $(printf '%s\n%s\n' "$1" "$2" | sort -V | head -n 1) == "$1" ]]; }
 
+is_macos() { [[ $(uname -s) == Darwin ]]; }
+
 # Whether the C++ compiler takes the program on standard input; further arguments go to it.
-compiles() { "${CXX:-c++}" -x c++ -std=c++20 - -o /dev/null "$@" >/dev/null 2>&1; }
+compiles() {
+    local homebrew=()
+    # Apple's compiler does not look there by itself; CMake does.
+    if is_macos && has brew; then
+        homebrew=("-I$(brew --prefix)/include" "-L$(brew --prefix)/lib")
+    fi
+    "${CXX:-c++}" -x c++ -std=c++20 - ${homebrew[@]+"${homebrew[@]}"} "$@" >/dev/null 2>&1
+}
 
 has_compiler() {
-    compiles <<'END'
+    compiles -fsyntax-only <<'END'
 #include <span>
-#if defined(__clang__) ? __clang_major__ < 14 : __GNUC__ < 12
+#if defined(__apple_build_version__) ? __clang_major__ < 15 : \
+    defined(__clang__) ? __clang_major__ < 14 : __GNUC__ < 12
 #error "too old"
 #endif
 int main() {}
@@ -51,10 +62,14 @@ find_boost_header() {
 }
 
 has_gtest() {
-    compiles -lgtest_main -lgtest -pthread <<'END'
+    local program status=0
+    program=$(mktemp)
+    compiles -o "$program" -lgtest_main -lgtest -pthread <<'END' || status=1
 #include <gtest/gtest.h>
 TEST(Installation, Works) {}
 END
+    rm -f "$program"
+    return "$status"
 }
 
 # Each prints what is missing of what a task needs, one name a line.
@@ -96,30 +111,65 @@ package_of() {
     echo "$name"
 }
 
-# Installs what missing_for_... prints, and does nothing when it prints nothing.
-install_missing() {
-    local check=$1 missing packages as_root=() by_hand
-    mapfile -t missing < <("$check")
-    [[ ${#missing[@]} -gt 0 ]] || return 0
-    mapfile -t packages < <(for name in "${missing[@]}"; do package_of "$name"; done)
-    by_hand="missing: ${missing[*]}; run as root: apt-get update && apt-get install ${packages[*]}"
-    has apt-get || die "missing: ${missing[*]}; there is no apt-get here to install them with"
+# What Homebrew calls it, and nothing for the compiler, which is Apple's.
+formula_of() {
+    case $1 in
+        g++) ;;
+        ninja-build) echo ninja ;;
+        boost-json) echo boost ;;
+        libgtest-dev) echo googletest ;;
+        pkg-config) echo pkgconf ;;
+        *) echo "$1" ;;
+    esac
+}
+
+install_with_homebrew() {
+    has_compiler || die "a C++ compiler is missing or too old; Xcode 15's: xcode-select --install"
+    local name formulas=()
+    for name in "$@"; do formulas+=("$(formula_of "$name")"); done
+    has brew || die "missing: $*; with Homebrew: brew install ${formulas[*]}"
+    say "missing: $*; installing: ${formulas[*]}"
+    brew install "${formulas[@]}" || die "to do it by hand: brew install ${formulas[*]}"
+}
+
+install_with_apt() {
+    has apt-get || die "missing: $*; there is no apt-get here to install them with"
+    local name packages=() as_root=() by_hand
+    for name in "$@"; do packages+=("$(package_of "$name")"); done
+    by_hand="missing: $*; run as root: apt-get update && apt-get install ${packages[*]}"
     if [[ $EUID -ne 0 ]]; then
         has sudo || die "$by_hand"
         as_root=(sudo)
     fi
-    say "missing: ${missing[*]}; updating the package lists (apt-get update)"
+    say "missing: $*; updating the package lists (apt-get update)"
     "${as_root[@]}" apt-get update -q || die "$by_hand"
     say "installing: ${packages[*]}"
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get install -q -y --no-install-recommends "${packages[@]}" || die "$by_hand"
-    mapfile -t missing < <("$check")
-    [[ ${#missing[@]} -eq 0 ]] ||
-        die "still missing or too old: ${missing[*]} (g++ 12, CMake 3.25, Boost 1.81 are needed)"
 }
 
+# Installs what missing_for_... prints, and does nothing when it prints nothing.
+install_missing() {
+    local check=$1 missing
+    missing=$("$check")
+    [[ -n $missing ]] || return 0
+    # shellcheck disable=SC2086  # one word each
+    if is_macos; then install_with_homebrew $missing; else install_with_apt $missing; fi
+    missing=$("$check")
+    [[ -z $missing ]] ||
+        die "still missing or too old: ${missing//$'\n'/ } (g++ 12, CMake 3.25, Boost 1.81 are needed)"
+}
+
+if is_macos; then
+    readonly no_namespaces="macOS has no namespaces"
+else
+    readonly no_namespaces="namespaces are forbidden"
+fi
+
 # Whether this user can have a mount namespace, with the given arguments to unshare.
-can_unshare() { unshare --mount "$@" -- mount -t tmpfs tmpfs "$run_directory" 2>/dev/null; }
+can_unshare() {
+    has unshare && unshare --mount "$@" -- mount -t tmpfs tmpfs "$run_directory" 2>/dev/null
+}
 
 # Sets private to the command that runs another one where /var/run may be mounted over, and to
 # nothing where the system forbids it.
