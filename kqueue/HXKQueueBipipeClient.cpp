@@ -5,6 +5,8 @@
 #include <new>
 #include <utility>
 
+#include "platform/broken_pipe.h"
+
 std::shared_ptr<HXKQueueBipipeClient> HXKQueueBipipeClient::initWithIndesc(
     int indesc, int outdesc, bool closeOnStop, std::weak_ptr<HXKQueue> parent,
     std::shared_ptr<const LogHandle> logger) {
@@ -23,7 +25,9 @@ HXKQueueBipipeClient::HXKQueueBipipeClient(Private /*unused*/, int indesc, int o
       infd(indesc),
       outfd(outdesc),
       closeOnStop(closeOnStop_),
-      stream(*this, std::move(parent), std::move(logger_)) {}
+      stream(*this, std::move(parent), std::move(logger_)) {
+    preventBrokenPipeSignal(outfd);
+}
 
 void HXKQueueBipipeClient::enableOnData(HXKQueueEventBlock block) {
     if (!stream.keepBlock(std::move(block))) return;

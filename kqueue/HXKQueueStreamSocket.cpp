@@ -7,6 +7,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/broken_pipe.h"
 #include "platform/socket_address.h"
 
 std::shared_ptr<HXKQueueStreamSocket> HXKQueueStreamSocket::initWithSocket(
@@ -27,7 +28,9 @@ HXKQueueStreamSocket::HXKQueueStreamSocket(Private /*unused*/, int sock_, bool c
       logger(logger_),
       closeOnStop(closeOnStop_),
       isConnected(isConnected_),
-      stream(*this, std::move(parent_), std::move(logger_)) {}
+      stream(*this, std::move(parent_), std::move(logger_)) {
+    preventBrokenPipeSignal(sock);
+}
 
 void HXKQueueStreamSocket::enableOnData(HXKQueueEventBlock block) {
     if (!stream.keepBlock(std::move(block))) return;
@@ -82,6 +85,7 @@ void HXKQueueStreamSocket::resumeReading() {
 
 bool HXKQueueStreamSocket::connectTo(const struct sockaddr* address) {
     isConnected = false;
+    preventBrokenPipeSignal(sock);
     const int status = fcntl(sock, F_GETFL);
     if (status == -1) return false;
     if (fcntl(sock, F_SETFL, status | O_NONBLOCK) == -1) return false;

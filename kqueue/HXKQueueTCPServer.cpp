@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "kqueue/HXKQueueAcceptedConnection.h"
+#include "platform/broken_pipe.h"
 #include "platform/socket_address.h"
 
 std::shared_ptr<HXKQueueTCPServer> HXKQueueTCPServer::initWithSockaddr(
@@ -49,6 +50,7 @@ void HXKQueueTCPServer::stop() {
 int HXKQueueTCPServer::listenSocket(const struct sockaddr* address) {
     const int sock = socket(address->sa_family, SOCK_STREAM, 0);
     if (sock == -1) return -1;
+    preventBrokenPipeSignal(sock);
     const int32_t on = 1;
     setsockopt(sock, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
     setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "kqueue/HXKQueueAcceptedConnection.h"
+#include "platform/broken_pipe.h"
 #include "platform/socket_address.h"
 
 std::shared_ptr<HXKQueueUnixServer> HXKQueueUnixServer::initWithPath(
@@ -54,6 +55,7 @@ int HXKQueueUnixServer::listenSocket(const char* path, uint16_t perm) {
     if (!makeUnixAddress(path, address)) return -1;
     const int sock = socket(AF_UNIX, SOCK_STREAM, 0);
     if (sock == -1) return -1;
+    preventBrokenPipeSignal(sock);
     unlink(path);
     if (bind(sock, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) == -1) {
         close(sock);

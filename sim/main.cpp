@@ -2,6 +2,7 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -35,11 +36,13 @@ sigset_t blockEndingSignals() {
     return signals;
 }
 
-// Each client takes a descriptor.
+// Each client takes a descriptor. macOS refuses a limit beyond OPEN_MAX (setrlimit(2)), which is
+// this.
 void allowManyClients() {
+    constexpr rlim_t kMany = 10'240;
     struct rlimit limit {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-    limit.rlim_cur = limit.rlim_max;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kMany) return;
+    limit.rlim_cur = std::min(kMany, limit.rlim_max);
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
