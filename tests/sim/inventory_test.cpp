@@ -412,7 +412,7 @@ TEST(Inventory, OnlyDevicesOfConnectedServersComeAndGo) {
 }
 
 bool isAscii(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0; });
+    return std::all_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x80; });
 }
 
 TEST(BuiltInInventory, HasUniqueIdsAndAddresses) {
