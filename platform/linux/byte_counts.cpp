@@ -30,10 +30,11 @@ constexpr int64_t kTerminalRoom = 1;
 // for every segment size that a connection uses in practice.
 constexpr int64_t kTcpChargePerByte = 8;
 
+// Only an answer that fills the value counts.
 template <typename Value>
 bool socketOption(int fd, int level, int name, Value& value) noexcept {
     socklen_t length = sizeof value;
-    return getsockopt(fd, level, name, &value, &length) == 0;
+    return getsockopt(fd, level, name, &value, &length) == 0 && length == sizeof value;
 }
 
 int64_t sendBufferSize(int fd) noexcept {
@@ -59,13 +60,16 @@ int64_t unsentLimit(int fd) noexcept {
 
 // A TCP socket polls writable while at least a third of its send buffer is free and less than half
 // of its unsent limit is taken. SIOCOUTQ would leave the bookkeeping out: on loopback it promises
-// 53 KB when the next byte blocks.
-int64_t tcpRoom(int fd) noexcept {
+// 53 KB when the next byte blocks. Emulators of the kernel do not all know SO_MEMINFO; one answers
+// with a single number.
+int64_t tcpFreeBuffer(int fd) noexcept {
     std::array<uint32_t, SK_MEMINFO_VARS> memory{};
-    if (!socketOption(fd, SOL_SOCKET, SO_MEMINFO, memory)) return 1;
-    const int64_t free =
-        int64_t{memory[SK_MEMINFO_SNDBUF]} - int64_t{memory[SK_MEMINFO_WMEM_QUEUED]};
-    return std::min(free / kTcpChargePerByte, unsentLimit(fd) / 2);
+    if (!socketOption(fd, SOL_SOCKET, SO_MEMINFO, memory)) return sendBufferSize(fd) / 3;
+    return int64_t{memory[SK_MEMINFO_SNDBUF]} - int64_t{memory[SK_MEMINFO_WMEM_QUEUED]};
+}
+
+int64_t tcpRoom(int fd) noexcept {
+    return std::min(tcpFreeBuffer(fd) / kTcpChargePerByte, unsentLimit(fd) / 2);
 }
 
 // A Unix socket polls writable while its charge is at most a quarter of its send buffer. A write

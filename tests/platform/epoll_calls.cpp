@@ -2,9 +2,11 @@
 
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -13,6 +15,7 @@ std::atomic<int> epollCtlCalls{0};
 std::atomic<int> failingQueueCreations{0};
 std::atomic<bool> isEpollFull{false};
 std::atomic<int> readAwayBeforeCount{-1};
+std::atomic<bool> isMemoryInfoCut{false};
 
 // They take the place of the C library's functions in this executable.
 
@@ -47,4 +50,11 @@ extern "C" int epoll_create1(int flags) noexcept {
         return -1;
     }
     return static_cast<int>(syscall(SYS_epoll_create1, flags));
+}
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+extern "C" int getsockopt(int fd, int level, int name, void* value, socklen_t* length) noexcept {
+    if (isMemoryInfoCut && level == SOL_SOCKET && name == SO_MEMINFO)
+        *length = std::min<socklen_t>(*length, sizeof(uint32_t));
+    return static_cast<int>(syscall(SYS_getsockopt, fd, level, name, value, length));
 }

@@ -14,3 +14,6 @@ extern std::atomic<bool> isEpollFull;
 // When a count of readable bytes is asked for, those of this descriptor are taken away just before,
 // once; -1 for none.
 extern std::atomic<int> readAwayBeforeCount;
+
+// While it is set, SO_MEMINFO is answered with its first number alone, as an emulator does.
+extern std::atomic<bool> isMemoryInfoCut;

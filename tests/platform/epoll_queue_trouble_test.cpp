@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -138,6 +139,24 @@ TEST_F(Trouble, LineThatAnotherReaderTakesFirstIsNoEndOfTheTerminal) {
     EXPECT_EQ(readAwayBeforeCount, -1);
     send(pair.peer, "next\n");
     EXPECT_EQ(waitForOne().data, 5);
+}
+
+TEST_F(Trouble, RoomOfATcpSocketWhoseMemoryIsNotToldIsMoreThanAByteAndNeverBlocks) {
+    const Pair pair = tcpPair();
+    fcntl(pair.ours, F_SETFL, O_NONBLOCK);
+    isMemoryInfoCut = true;
+    add(pair.ours, EVFILT_WRITE);
+    std::string drained(1'000, '\0');
+    for (int round = 0; round < 2'000; ++round) {
+        const Records records = look();
+        if (records.empty()) {
+            ASSERT_GT(read(pair.peer, drained.data(), drained.size()), 0);
+            continue;
+        }
+        ASSERT_GT(records.front().data, 1);
+        send(pair.ours, std::string(static_cast<size_t>(records.front().data), 'x'));
+    }
+    isMemoryInfoCut = false;
 }
 
 }  // namespace
