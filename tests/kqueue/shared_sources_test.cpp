@@ -24,7 +24,7 @@ constexpr size_t kMessagesOfEach = 10;  // by every thread to every source
 
 // Sources come and go in waves: while one wave is written to, the one before is stopped.
 constexpr size_t kWave = stress::kSharedSources / 2;
-constexpr size_t kWaves = stress::kThreadSanitizer ? 4 : 12;
+constexpr size_t kWaves = stress::kThreadSanitizer || kEmulated ? 4 : 12;
 
 // What stands in front of each message's bytes.
 struct Label {

@@ -342,17 +342,16 @@ private:
     std::atomic<bool> late = false;
 };
 
-// A stop takes a second, so two hundred of them take it together.
+// A stop takes a second, so many of them take it together.
 TEST(LoopStopRace, UnderLoadFromItsSourcesAndAnotherThread) {
-    constexpr size_t kLoopsAtOnce = 200;
-    const std::string lacking = raiseDescriptorLimit(4 * kLoopsAtOnce);
+    const std::string lacking = raiseDescriptorLimit(4 * stress::kLoopsAtOnce);
     if (!lacking.empty()) GTEST_SKIP() << lacking;
     const LogRecorder log(LogLevel::Error);
     const size_t before = openDescriptors();
-    for (size_t round = 0; round < stress::kRounds; round += kLoopsAtOnce) {
+    for (size_t round = 0; round < stress::kRounds; round += stress::kLoopsAtOnce) {
         BlockTokens tokens;
         std::vector<std::unique_ptr<BusyLoop>> loops;
-        for (size_t i = 0; i < kLoopsAtOnce; ++i)
+        for (size_t i = 0; i < stress::kLoopsAtOnce; ++i)
             loops.push_back(std::make_unique<BusyLoop>(tokens));
         for (const auto& loop : loops)
             loop->waitForTraffic();

@@ -1,8 +1,11 @@
-// How much the stress tests do. Sanitizers make every access several times as dear, so under them
-// the same tests run with fewer connections and rounds where that is what a test's time depends on.
+// How much the stress tests do. Sanitizers and emulators make every access several times as dear,
+// so under them the same tests run with fewer connections and rounds where that is what a test's
+// time depends on.
 #pragma once
 
 #include <cstddef>
+
+#include "tests/support/emulated.h"
 
 namespace stress {
 
@@ -24,15 +27,18 @@ inline constexpr bool kThreadSanitizer = false;
 #endif
 
 // Connections to one loop, open at the same time.
-inline constexpr size_t kConnections = kThreadSanitizer    ? 2'000
-                                       : kAddressSanitizer ? 5'000
-                                                           : 10'000;
+inline constexpr size_t kConnections = kThreadSanitizer || kEmulated ? 2'000
+                                       : kAddressSanitizer           ? 5'000
+                                                                     : 10'000;
 
 // Messages that each of them has echoed.
 inline constexpr size_t kMessages = 100;
 
 // Rounds of each race between a stop and something else.
-inline constexpr size_t kRounds = 1'000;
+inline constexpr size_t kRounds = kEmulated ? 200 : 1'000;
+
+// Of these rounds, those that busy loops go through together.
+inline constexpr size_t kLoopsAtOnce = kEmulated ? 40 : 200;
 
 // Sources that eight threads share.
 inline constexpr size_t kSharedSources = 1'000;
