@@ -93,6 +93,14 @@ missing_for_cross_macos() {
     has npm || echo npm
 }
 
+# To build for Linux on 64-bit Arm and run what was built.
+missing_for_arm64() {
+    missing_for_testing
+    has aarch64-linux-gnu-g++ || echo g++-aarch64-linux-gnu
+    has qemu-aarch64 || echo qemu-user
+    [[ -e /usr/src/googletest/CMakeLists.txt ]] || echo googletest
+}
+
 # Other versions of these two format and warn otherwise.
 missing_for_linting() {
     missing_for_testing
