@@ -1,5 +1,7 @@
 #include "tests/e2e/daemon_on_control_path.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <fstream>
 

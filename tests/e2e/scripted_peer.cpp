@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "tests/e2e/control_path.h"
+#include "tests/support/descriptors.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ constexpr int kPatienceMs = 60'000;
 
 }  // namespace
 
-ScriptedPeer::ScriptedPeer(int backlog) : listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+ScriptedPeer::ScriptedPeer(int backlog) : listener(makeSocket(AF_UNIX, SOCK_STREAM)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::string_view(kControlPath).copy(address.sun_path, sizeof address.sun_path - 1);
@@ -35,5 +36,5 @@ ScriptedPeer::~ScriptedPeer() {
 UnixStream ScriptedPeer::accept() const {
     pollfd waiting{.fd = listener, .events = POLLIN, .revents = 0};
     if (poll(&waiting, 1, kPatienceMs) != 1) throw std::runtime_error("nobody connects");
-    return UnixStream(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+    return UnixStream(acceptFrom(listener));
 }

@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "tests/support/descriptors.h"
+
 namespace {
 
 RunningProgram startListening(const std::vector<std::string>& arguments, const std::string& name) {
@@ -47,7 +49,7 @@ Address loopback(int family) {
 
 // The kernel gives nobody a port that is bound, but lets the server, which shares, ask for it.
 int bindPlaceholder(int family) {
-    const int sock = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int sock = makeSocket(family, SOCK_STREAM);
     if (sock == -1 && errno == EAFNOSUPPORT) throw TcpServerRun::NoAddress();
     const int on = 1;
     setsockopt(sock, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
@@ -85,7 +87,7 @@ TcpServerRun::~TcpServerRun() {
 }
 
 int TcpServerRun::connectedSocket() const {
-    const int sock = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int sock = makeSocket(family, SOCK_STREAM);
     Address address = loopback(family);
     portOf(address) = htons(static_cast<in_port_t>(std::stoi(port)));
     if (::connect(sock, address.get(), address.length) == 0) return sock;

@@ -1,5 +1,7 @@
 #include "tests/examples/scratch_directory.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <sstream>

@@ -17,6 +17,7 @@
 #include "tests/examples/byte_traffic.h"
 #include "tests/examples/scratch_directory.h"
 #include "tests/support/captured_run.h"
+#include "tests/support/descriptors.h"
 
 namespace {
 
@@ -158,8 +159,7 @@ TEST_F(TeeBetweenFifos, ReaderThatGoesAwayIsToldAfterTheInputHasEnded) {
 
 TEST_F(TeeBetweenFifos, NonBlockingDescriptorIsCopiedAndLeftAsItWas) {
     constexpr int kInherited = 7;
-    std::array<int, 2> ends{};
-    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const std::array<int, 2> ends = makePipe();
     ASSERT_TRUE(ends[0] != kInherited && ends[1] != kInherited);
     ASSERT_EQ(dup2(ends[0], kInherited), kInherited);
     ASSERT_EQ(fcntl(kInherited, F_SETFL, O_NONBLOCK), 0);

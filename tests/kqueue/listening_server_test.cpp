@@ -241,7 +241,8 @@ TEST_F(UnixServer, AtLeast128ConnectionsWaitBeforeTheStart) {
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
     std::vector<int> clients(128);
     for (int& client : clients) {
-        client = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        client = socket(AF_UNIX, SOCK_STREAM, 0);
+        fcntl(client, F_SETFL, O_NONBLOCK);
         EXPECT_EQ(connect(client, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0);
     }
     loop->startObject(server, events.answering(false));
@@ -264,7 +265,7 @@ TEST_F(UnixServer, ListensInBlockingMode) {
     int listens = 0;
     socklen_t length = sizeof listens;
     ASSERT_EQ(getsockopt(number, SOL_SOCKET, SO_ACCEPTCONN, &listens, &length), 0);
-    EXPECT_EQ(listens, 1);
+    EXPECT_NE(listens, 0);  // some systems answer with the option's own bit
     EXPECT_EQ(fcntl(number, F_GETFL) & O_NONBLOCK, 0);
 }
 
@@ -394,7 +395,7 @@ TEST_F(TcpServer, ListensInBlockingModeWithBothReuseOptions) {
         int value = 0;
         socklen_t length = sizeof value;
         ASSERT_EQ(getsockopt(number, SOL_SOCKET, option, &value, &length), 0);
-        EXPECT_EQ(value, 1) << option;
+        EXPECT_NE(value, 0) << option;
     }
 }
 

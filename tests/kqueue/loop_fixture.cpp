@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "kqueue/HXKQueueStreamSocket.h"
+#include "tests/support/address_length.h"
 
 LogRecorder::LogRecorder(LogLevel least) {
     logSetLevel(least);
@@ -63,7 +64,7 @@ std::string tagOf(const void* object) {
 
 size_t openDescriptors() {
     size_t count = 0;
-    DIR* directory = opendir("/proc/self/fd");
+    DIR* directory = opendir("/dev/fd");
     while (readdir(directory))
         ++count;
     closedir(directory);
@@ -95,10 +96,12 @@ struct sockaddr_storage loopback(sa_family_t family, uint16_t port) {
         auto* inet6 = reinterpret_cast<struct sockaddr_in6*>(&address);
         inet6->sin6_addr = in6addr_loopback;
         inet6->sin6_port = htons(port);
+        setAddressLength(address, sizeof *inet6);
     } else {
         auto* inet = reinterpret_cast<struct sockaddr_in*>(&address);
         inet->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         inet->sin_port = htons(port);
+        setAddressLength(address, sizeof *inet);
     }
     return address;
 }

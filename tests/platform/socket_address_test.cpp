@@ -4,20 +4,27 @@
 #include <netinet/in.h>
 
 #include <string>
+#include <utility>
+
+#include "tests/support/address_length.h"
 
 namespace {
 
-socklen_t lengthOf(sa_family_t family) {
+// As the kernel and getaddrinfo(3) fill it in.
+socklen_t lengthOf(sa_family_t family, socklen_t length) {
     struct sockaddr_storage address = {};
     address.ss_family = family;
+    setAddressLength(address, length);
     return socketAddressLength(reinterpret_cast<const struct sockaddr*>(&address));
 }
 
 TEST(SocketAddress, LengthGoesByTheFamily) {
-    EXPECT_EQ(lengthOf(AF_INET), sizeof(struct sockaddr_in));
-    EXPECT_EQ(lengthOf(AF_INET6), sizeof(struct sockaddr_in6));
-    EXPECT_EQ(lengthOf(AF_UNIX), sizeof(struct sockaddr_un));
-    EXPECT_EQ(lengthOf(AF_UNSPEC), 0U);
+    for (const auto& [family, length] :
+         {std::pair<sa_family_t, size_t>{AF_INET, sizeof(struct sockaddr_in)},
+          {AF_INET6, sizeof(struct sockaddr_in6)},
+          {AF_UNIX, sizeof(struct sockaddr_un)},
+          {AF_UNSPEC, 0}})
+        EXPECT_EQ(lengthOf(family, static_cast<socklen_t>(length)), length);
 }
 
 TEST(SocketAddress, UnixPathOf103BytesFitsAndOneOf104DoesNot) {

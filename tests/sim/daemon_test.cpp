@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tests/sim/simulated_daemon.h"
+#include "tests/support/descriptors.h"
 
 namespace {
 
@@ -218,7 +219,7 @@ TEST_F(SimulatedDaemon, SecondOneOnThePathRefusesToStart) {
 }
 
 TEST_F(SimulatedDaemon, RefusesToStartWhereABusyDaemonHasNoRoomForAnotherClient) {
-    const int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int sock = makeSocket(AF_UNIX, SOCK_STREAM);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.string().copy(address.sun_path, sizeof address.sun_path - 1);

@@ -9,6 +9,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "tests/support/descriptors.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -56,7 +58,7 @@ RunningProgram SimulatedDaemon::start(const std::vector<std::string>& options) c
 }
 
 void SimulatedDaemon::leaveStaleSocket() const {
-    const int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int sock = makeSocket(AF_UNIX, SOCK_STREAM);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.string().copy(address.sun_path, sizeof address.sun_path - 1);

@@ -15,6 +15,10 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tests/support/descriptors.h"
+
+extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX has no header declare it
+
 namespace {
 
 struct Child {
@@ -28,15 +32,15 @@ struct Pipe {
     int writeEnd;
 };
 
-Pipe makePipe() {
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
-    return {.readEnd = ends[0], .writeEnd = ends[1]};
+Pipe makeOutput() {
+    const auto [readEnd, writeEnd] = makePipe();
+    if (readEnd == -1) throw std::runtime_error("pipe failed");
+    return {.readEnd = readEnd, .writeEnd = writeEnd};
 }
 
 Child forkInto(const std::function<void()>& body) {
-    const Pipe out = makePipe();
-    const Pipe err = makePipe();
+    const Pipe out = makeOutput();
+    const Pipe err = makeOutput();
     std::fflush(nullptr);
     const pid_t pid = fork();
     if (pid == -1) throw std::runtime_error("fork failed");
@@ -77,8 +81,8 @@ void shortenLingering() {
 // program runs.
 Child spawn(const std::vector<std::string>& arguments) {
     shortenLingering();
-    const Pipe out = makePipe();
-    const Pipe err = makePipe();
+    const Pipe out = makeOutput();
+    const Pipe err = makeOutput();
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "tests/support/descriptors.h"
+
 namespace {
 
 std::string makeDirectory() {
@@ -21,7 +23,7 @@ std::string makeDirectory() {
 UnixListener::UnixListener()
     : directory(makeDirectory()),
       socketPath(directory + "/socket"),
-      sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+      sock(makeSocket(AF_UNIX, SOCK_STREAM)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -39,7 +41,7 @@ UnixListener::~UnixListener() {
 }
 
 UnixStream UnixListener::accept() const {
-    return UnixStream(accept4(sock, nullptr, nullptr, SOCK_CLOEXEC));
+    return UnixStream(acceptFrom(sock));
 }
 
 void UnixListener::close() {

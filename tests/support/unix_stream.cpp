@@ -1,7 +1,5 @@
 #include "tests/support/unix_stream.h"
 
-#include <linux/sockios.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -15,6 +13,9 @@
 #include <stdexcept>
 #include <thread>
 #include <utility>
+
+#include "tests/support/descriptors.h"
+#include "tests/support/outgoing_bytes.h"
 
 namespace {
 
@@ -70,7 +71,7 @@ UnixStream UnixStream::connectTo(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    UnixStream stream(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    UnixStream stream(makeSocket(AF_UNIX, SOCK_STREAM));
     if (connect(stream.sock, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1)
         fail("connect");
     return stream;
@@ -99,8 +100,7 @@ bool UnixStream::send(std::string_view bytes) const {
 
 void UnixStream::waitUntilTaken() const {
     const Clock::time_point deadline = Clock::now() + kPatience;
-    int outstanding = 0;
-    while (ioctl(sock, SIOCOUTQ, &outstanding) == 0 && outstanding > 0) {
+    while (outgoingBytes(sock) > 0) {
         if (Clock::now() > deadline) throw std::runtime_error("the other end does not read");
         std::this_thread::sleep_for(kGlance);
     }
