@@ -6,7 +6,7 @@
 #include <cerrno>
 
 #include "tests/e2e/control_path.h"
-#include "tests/e2e/refused_system_calls.h"
+#include "tests/e2e/linux/refused_system_calls.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
 

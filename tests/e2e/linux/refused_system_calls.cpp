@@ -1,4 +1,4 @@
-#include "tests/e2e/refused_system_calls.h"
+#include "tests/e2e/linux/refused_system_calls.h"
 
 #include <linux/filter.h>
 #include <linux/seccomp.h>
