@@ -1,6 +1,9 @@
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "tests/platform/epoll_calls.h"
 #include "tests/platform/kernel_queue.h"
@@ -43,6 +46,23 @@ TEST_F(Closing, QueueWhoseNumberHasBecomeAnotherFileIsForgotten) {
     const struct timespec atOnce = {};
     EXPECT_EQ(kevent(number, nullptr, 0, &record, 1, &atOnce), -1);
     EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(Closing, FifoOpenedAgainUnderTheNumberHasNoneOfTheOldFilters) {
+    std::string path = testing::TempDir() + "fifo-XXXXXX";
+    ASSERT_NE(mkdtemp(path.data()), nullptr);
+    const std::string fifo = path + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const Descriptor keptOpen(open(fifo.c_str(), O_RDWR));
+    Descriptor reader(open(fifo.c_str(), O_RDWR));
+    const int number = reader;
+    add(number, EVFILT_READ);
+    reader.reset();
+    reader = Descriptor(open(fifo.c_str(), O_RDWR));
+    ASSERT_EQ(reader, number);
+    EXPECT_EQ(change(static_cast<uint64_t>(number), EVFILT_READ, EV_DELETE), ENOENT);
+    unlink(fifo.c_str());
+    rmdir(path.c_str());
 }
 
 }  // namespace

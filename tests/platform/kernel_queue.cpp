@@ -12,12 +12,6 @@
 #include <cstdlib>
 #include <ctime>
 
-int64_t now() {
-    struct timespec time;
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return time.tv_sec * 1'000 * kMillisecond + time.tv_nsec;
-}
-
 void pass(int milliseconds) {
     const struct timespec pause = {.tv_sec = milliseconds / 1'000,
                                    .tv_nsec = milliseconds % 1'000 * kMillisecond};
@@ -86,6 +80,12 @@ Pair pipePair() {
     return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
+Pair writablePipePair() {
+    Pair pair = pipePair();
+    std::swap(pair.ours, pair.peer);
+    return pair;
+}
+
 Pair fifoPair(int ours, int peer) {
     std::string path = testing::TempDir() + "fifo-XXXXXX";
     EXPECT_NE(mkdtemp(path.data()), nullptr);
@@ -117,6 +117,12 @@ Pair terminalPair() {
     if (master == -1 || grantpt(master) != 0 || unlockpt(master) != 0) return {};
     Descriptor terminal(open(ptsname(master), O_RDWR | O_NOCTTY));
     return {std::move(terminal), std::move(master)};
+}
+
+struct kevent makeChange(int fd, int filter, int flags, void* udata) {
+    struct kevent change;
+    EV_SET(&change, fd, static_cast<int16_t>(filter), flags, 0, 0, udata);
+    return change;
 }
 
 void send(int fd, const std::string& bytes) {

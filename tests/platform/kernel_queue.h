@@ -47,7 +47,8 @@ struct Pair {
 Pair unixPair();
 Pair datagramPair();  // Unix datagrams, of which one may have no bytes
 Pair tcpPair();
-Pair pipePair();  // ours reads, peer writes
+Pair pipePair();          // ours reads, peer writes
+Pair writablePipePair();  // peer reads, ours writes
 // The two ends of a FIFO whose name is gone, in the order and the ways that they are opened.
 Pair fifoPair(int ours, int peer);
 
@@ -64,6 +65,9 @@ int connectSocket(int fd, uint16_t port);  // as connect(2), to this machine
 // ours is the terminal, peer plays the person at it. Both are -1 where there are none to be had.
 Pair terminalPair();
 inline constexpr const char* kNoTerminals = "left out: no pseudo-terminal can be had here";
+
+// A change without data, and without flags of the filter.
+struct kevent makeChange(int fd, int filter, int flags, void* udata = nullptr);
 
 void send(int fd, const std::string& bytes);
 std::string receive(int fd, size_t size);

@@ -139,23 +139,6 @@ TEST_F(Closing, DuplicateMadeBackIntoTheNumberCanBeRegisteredAgain) {
     EXPECT_EQ(waitForOne().udata, &newTag);
 }
 
-TEST_F(Closing, FifoOpenedAgainUnderTheNumberHasNoneOfTheOldFilters) {
-    std::string path = testing::TempDir() + "fifo-XXXXXX";
-    ASSERT_NE(mkdtemp(path.data()), nullptr);
-    const std::string fifo = path + "/fifo";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const Descriptor keptOpen(open(fifo.c_str(), O_RDWR));
-    Descriptor reader(open(fifo.c_str(), O_RDWR));
-    const int number = reader;
-    add(number, EVFILT_READ, &oldTag);
-    reader.reset();
-    reader = Descriptor(open(fifo.c_str(), O_RDWR));
-    ASSERT_EQ(reader, number);
-    EXPECT_EQ(change(static_cast<uint64_t>(number), EVFILT_READ, EV_DELETE), ENOENT);
-    unlink(fifo.c_str());
-    rmdir(path.c_str());
-}
-
 TEST_F(Closing, NumberReusedThousandTimesGoesToItsOwner) {
     std::array<int, 16> tags{};
     Descriptor keptNumber = unixPair().ours;

@@ -1,3 +1,5 @@
+// Each timer to the millisecond. macOS lets timers with NOTE_BACKGROUND be late.
+
 #include <cerrno>
 #include <vector>
 

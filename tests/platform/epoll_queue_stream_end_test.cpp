@@ -1,3 +1,7 @@
+// How FIFOs, terminals and files begin and end, in one queue and in two. macOS promises nothing of
+// the ends of FIFOs and terminals, and takes an end-of-file character for one of the bytes of a
+// line.
+
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
