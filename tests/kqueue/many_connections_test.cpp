@@ -10,10 +10,10 @@
 #include "kqueue/HXKQueueUnixServer.h"
 #include "tests/kqueue/block_tokens.h"
 #include "tests/kqueue/counted_allocations.h"
-#include "tests/kqueue/descriptor_limit.h"
 #include "tests/kqueue/echo_client_process.h"
 #include "tests/kqueue/loop_fixture.h"
 #include "tests/kqueue/stress_scale.h"
+#include "tests/support/descriptor_limit.h"
 
 namespace {
 

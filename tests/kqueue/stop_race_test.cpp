@@ -14,9 +14,9 @@
 #include "kqueue/HXKQueueStreamSocket.h"
 #include "kqueue/HXKQueueTCPClient.h"
 #include "tests/kqueue/block_tokens.h"
-#include "tests/kqueue/descriptor_limit.h"
 #include "tests/kqueue/loop_fixture.h"
 #include "tests/kqueue/stress_scale.h"
+#include "tests/support/descriptor_limit.h"
 
 namespace {
 
