@@ -91,6 +91,7 @@ missing_for_cross_macos() {
     has llvm-lipo-14 || echo llvm-14
     has file || echo file
     has npm || echo npm
+    [[ -e /usr/src/googletest/CMakeLists.txt ]] || echo googletest
 }
 
 # To build for Linux on 64-bit Arm and run what was built.
