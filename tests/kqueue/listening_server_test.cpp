@@ -360,6 +360,31 @@ TEST_F(TcpServer, ConnectionsThatCameBeforeTheStartAreReportedOneByOne) {
         close(client);
 }
 
+// The end of reading would be told in every iteration; the first bytes may still be taken.
+TEST_F(TcpServer, ConnectionThatEndedBeforeItWasAcceptedIsWrittenToWithoutASignal) {
+    const auto server = loop->createTCPServer(asSockaddr(address));
+    close(connectTo(port));
+    std::shared_ptr<HXKQueueStreamSocket> stream;
+    EventRecorder streamEvents;
+    loop->startObject(server, events.block([&](const RecordedEvent& event, auto*) {
+        stream = loop->createStreamSocket(connectionOf(event).sock, true);
+        loop->startObject(stream, streamEvents.block([&](const RecordedEvent& end, auto*) {
+            if (end.code == HXKQueueEventTerminated) stream->pauseReading();
+            return true;
+        }));
+        return true;
+    }));
+    ASSERT_TRUE(streamEvents.waitFor(HXKQueueEventTerminated));
+    settle();
+    const size_t before = streamEvents.count(HXKQueueEventTerminated);
+    for (int i = 0; i < 2; ++i) {
+        loop->write(stream, "x", 1);
+        settle();
+    }
+    EXPECT_TRUE(streamEvents.waitFor(HXKQueueEventTerminated, before + 1));
+    stopLoop();  // its blocks use what ends here
+}
+
 TEST_F(TcpServer, FailsOnAnAddressThatIsNotOurs) {
     struct sockaddr_storage foreign = loopback(AF_INET, port);
     reinterpret_cast<struct sockaddr_in*>(&foreign)->sin_addr.s_addr = htonl(0xcb007101);

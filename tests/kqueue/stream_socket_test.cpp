@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "tests/kqueue/loop_fixture.h"
 
@@ -143,6 +144,21 @@ TEST_F(StreamSocket, WritingToAPeerThatIsGoneEndsInTerminatedAndNoSignal) {
     ASSERT_EQ(shutdown(stream.peer, SHUT_RD), 0);
     loop->write(stream.source, "x", 1);
     ASSERT_TRUE(events.waitFor(HXKQueueEventTerminated));
+}
+
+// The end of reading would be told in every iteration.
+TEST_F(StreamSocket, WritingAfterThePeerHasClosedEndsInTerminatedAndNoSignal) {
+    loop->startObject(stream.source, events.block([this](const RecordedEvent& event, auto*) {
+        if (event.code == HXKQueueEventTerminated) stream.source->pauseReading();
+        return true;
+    }));
+    close(std::exchange(stream.peer, -1));
+    ASSERT_TRUE(events.waitFor(HXKQueueEventTerminated));
+    settle();
+    const size_t before = events.count(HXKQueueEventTerminated);
+    loop->write(stream.source, "x", 1);
+    EXPECT_TRUE(events.waitFor(HXKQueueEventTerminated, before + 1));
+    EXPECT_EQ(stream.source->pendingBytes(), 1U);
 }
 
 TEST_F(StreamSocket, StopClosesTheDescriptorItOwns) {
