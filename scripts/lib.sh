@@ -102,9 +102,20 @@ missing_for_arm64() {
     [[ -e /usr/src/googletest/CMakeLists.txt ]] || echo googletest
 }
 
+has_library() { pkg-config --exists "$1" 2>/dev/null; }
+
+missing_for_benchmarks() {
+    missing_for_building
+    has pkg-config || echo pkg-config
+    has_library libuv || echo libuv1-dev
+    has_library libevent_core || echo libevent-dev
+    compiles -fsyntax-only <<<'#include <ev.h>' || echo libev-dev
+}
+
 # Other versions of these two format and warn otherwise.
 missing_for_linting() {
     missing_for_testing
+    missing_for_benchmarks
     has clang-format-14 || echo clang-format-14
     has clang-tidy-14 || echo clang-tidy-14
     has shellcheck || echo shellcheck
