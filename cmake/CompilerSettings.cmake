@@ -27,6 +27,15 @@ if(HXUSBVCTL_SANITIZE)
     add_link_options(-fsanitize=${HXUSBVCTL_SANITIZE})
 endif()
 
+# For a program that is one file to carry to another machine. macOS has the C++ library everywhere,
+# and a sanitizer's runtime needs the shared libraries.
+add_library(self_contained INTERFACE)
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang"
+   AND NOT HXUSBVCTL_SANITIZE)
+    target_link_options(self_contained INTERFACE
+        "$<$<CONFIG:Release>:-static-libstdc++;-static-libgcc>")
+endif()
+
 find_program(CCACHE ccache)
 if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
