@@ -15,6 +15,7 @@
 #include "kqueue/HXKQueueTCPServer.h"
 #include "kqueue/HXKQueueUnixServer.h"
 #include "tests/kqueue/loop_fixture.h"
+#include "tests/support/quiet_send.h"
 
 namespace {
 
@@ -217,7 +218,7 @@ TEST_F(UnixServer, DeclinedConnectionIsShutDownWhileADuplicateLives) {
     settle();
     char byte = 0;
     EXPECT_EQ(recv(client, &byte, 1, MSG_DONTWAIT), 0);
-    EXPECT_EQ(send(client, "x", 1, MSG_DONTWAIT | MSG_NOSIGNAL), -1);
+    EXPECT_EQ(sendQuietly(client, "x", MSG_DONTWAIT), -1);
     EXPECT_EQ(errno, EPIPE);
     close(client);
     close(duplicate);

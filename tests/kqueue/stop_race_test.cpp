@@ -17,6 +17,7 @@
 #include "tests/kqueue/loop_fixture.h"
 #include "tests/kqueue/stress_scale.h"
 #include "tests/support/descriptor_limit.h"
+#include "tests/support/quiet_send.h"
 
 namespace {
 
@@ -67,7 +68,7 @@ public:
 
 private:
     void exchange(int peer) {
-        send(peer, buffer.data(), 100, MSG_DONTWAIT | MSG_NOSIGNAL);
+        sendQuietly(peer, {buffer.data(), 100}, MSG_DONTWAIT);
         recv(peer, buffer.data(), buffer.size(), MSG_DONTWAIT);
     }
 
@@ -157,7 +158,7 @@ private:
         std::vector<size_t> calls;
         for (const Racer& racer : racers) {
             calls.push_back(racer.tally->calls);
-            send(racer.peer, "late", 4, MSG_DONTWAIT | MSG_NOSIGNAL);
+            sendQuietly(racer.peer, "late", MSG_DONTWAIT);
             EXPECT_EQ(fcntl(racer.sock, F_GETFD) == -1, racer.closesOnStop);
         }
         std::vector<int> inTheirPlace;

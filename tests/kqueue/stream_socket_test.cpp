@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tests/kqueue/loop_fixture.h"
+#include "tests/support/quiet_send.h"
 
 namespace {
 
@@ -212,7 +213,7 @@ TEST_F(StreamSocket, StopEndsBothDirectionsWhileADuplicateLives) {
     settle();
     char byte = 0;
     EXPECT_EQ(recv(stream.peer, &byte, 1, MSG_DONTWAIT), 0);
-    EXPECT_EQ(::send(stream.peer, "x", 1, MSG_DONTWAIT | MSG_NOSIGNAL), -1);
+    EXPECT_EQ(sendQuietly(stream.peer, "x", MSG_DONTWAIT), -1);
     EXPECT_EQ(errno, EPIPE);
     close(duplicate);
 }

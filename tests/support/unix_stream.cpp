@@ -16,6 +16,7 @@
 
 #include "tests/support/descriptors.h"
 #include "tests/support/outgoing_bytes.h"
+#include "tests/support/quiet_send.h"
 
 namespace {
 
@@ -90,7 +91,7 @@ UnixStream::UnixStream(UnixStream&& other) noexcept : sock(std::exchange(other.s
 
 bool UnixStream::send(std::string_view bytes) const {
     while (!bytes.empty()) {
-        const ssize_t size = ::send(sock, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const ssize_t size = sendQuietly(sock, bytes);
         if (size == -1 && errno != EPIPE && errno != ECONNRESET) fail("send");
         if (size == -1) return false;
         bytes.remove_prefix(static_cast<size_t>(size));
@@ -100,7 +101,7 @@ bool UnixStream::send(std::string_view bytes) const {
 
 void UnixStream::waitUntilTaken() const {
     const Clock::time_point deadline = Clock::now() + kPatience;
-    while (outgoingBytes(sock) > 0) {
+    while (outgoingBytes(sock).value_or(0) > 0) {
         if (Clock::now() > deadline) throw std::runtime_error("the other end does not read");
         std::this_thread::sleep_for(kGlance);
     }

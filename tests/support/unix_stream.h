@@ -29,7 +29,9 @@ public:
     // False when the other end is gone.
     [[nodiscard]] bool send(std::string_view bytes) const;
 
-    // Returns once the other end has read all that was sent, or has closed.
+    // Returns once the other end has read all that was sent, or has closed; at once where the
+    // system cannot tell (outgoing_bytes.h), so that what is sent next may be read together with
+    // it.
     void waitUntilTaken() const;
 
     // Exactly size bytes, fewer only when the stream ends before.

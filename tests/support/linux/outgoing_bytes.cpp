@@ -3,7 +3,10 @@
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
 
-int outgoingBytes(int sock) {
+#include <stdexcept>
+
+std::optional<int> outgoingBytes(int sock) {
     int count = 0;
-    return ioctl(sock, SIOCOUTQ, &count) == 0 ? count : -1;
+    if (ioctl(sock, SIOCOUTQ, &count) != 0) throw std::runtime_error("not a stream socket");
+    return count;
 }
