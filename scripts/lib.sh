@@ -56,11 +56,6 @@ has_boost_json() {
 END
 }
 
-# Where the compiler finds Boost's headers.
-find_boost_header() {
-    echo '#include <boost/version.hpp>' | "${CXX:-c++}" -x c++ -M - | grep -o '/[^ ]*/boost/version.hpp'
-}
-
 has_gtest() {
     local program status=0
     program=$(mktemp)
@@ -177,7 +172,7 @@ install_missing() {
     if is_macos; then install_with_homebrew $missing; else install_with_apt $missing; fi
     missing=$("$check")
     [[ -z $missing ]] ||
-        die "still missing or too old: ${missing//$'\n'/ } (g++ 12, CMake 3.25, Boost 1.81 are needed)"
+        die "still missing or too old: ${missing//$'\n'/ } (needed: g++ 12 or clang 14, CMake 3.25, Boost 1.81)"
 }
 
 if is_macos; then
