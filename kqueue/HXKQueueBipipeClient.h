@@ -11,7 +11,8 @@
 // Ownership  the loop keeps the source until its stop has run; the source keeps the loop weakly.
 //            The descriptors belong to the source with closeOnStop and to the caller without.
 //            With closeOnStop, one number for both is closed twice, and by the second time it may
-//            mean another thread's descriptor: hand in a dup(2) instead.
+//            mean another thread's descriptor: hand in a dup(2) instead. On macOS the open file
+//            that is written to raises no SIGPIPE from then on, for all who share it.
 // Errors     as of HXKQueueStreamSocket. A filter that the kernel refuses to register arrives as
 //            an ordinary record, once: what the read or write then finds is what is reported.
 //

@@ -8,7 +8,8 @@
 // Threads    enableOnData and write: any. kevent: the I/O thread. stop: the I/O thread, or the
 //            thread that stops the loop; never while kevent runs.
 // Ownership  the loop keeps the source until its stop has run; the source keeps the loop weakly.
-//            The descriptor belongs to the source with closeOnStop and to the caller without.
+//            The descriptor belongs to the source with closeOnStop and to the caller without. On
+//            macOS its open file raises no SIGPIPE from then on, for all who share it.
 // Errors     init...: null. A failed read or write is Terminated; so is a lack of memory for the
 //            block (said to that block, inside enableOnData) or for the bytes that arrive. Bytes
 //            that write has no memory for are not queued, which is logged.

@@ -26,7 +26,8 @@ constexpr uint16_t kEverybody = 0666;
 constexpr const char* kSubsystem = "org.hxusbvctl.sim.usb.virt.ctl";
 
 // What a connect to the path runs into: 0 when somebody takes the connection. It does not wait
-// for a daemon whose backlog is full; that shows as EAGAIN.
+// for a daemon whose backlog is full: Linux tells that by EAGAIN, macOS does not tell it from a
+// file that nobody listens on.
 int connectError(const sockaddr_un& address) {
     const int probe = socket(AF_UNIX, SOCK_STREAM, 0);
     if (probe == -1) return errno;

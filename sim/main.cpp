@@ -36,13 +36,15 @@ sigset_t blockEndingSignals() {
     return signals;
 }
 
-// Each client takes a descriptor. macOS refuses a limit beyond OPEN_MAX (setrlimit(2)), which is
-// this.
+// Each client takes a descriptor. macOS refuses a limit beyond OPEN_MAX, which is this
+// (setrlimit(2)).
 void allowManyClients() {
-    constexpr rlim_t kMany = 10'240;
+    constexpr rlim_t kOpenMax = 10'240;
     struct rlimit limit {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kMany) return;
-    limit.rlim_cur = std::min(kMany, limit.rlim_max);
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) == 0) return;
+    limit.rlim_cur = std::min(kOpenMax, limit.rlim_max);
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
