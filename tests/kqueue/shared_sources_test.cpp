@@ -256,10 +256,10 @@ TEST_F(SharedSources, OfEightThreadsLoseAndMixUpNothingWhileAddressesAndNumbersA
         return all.size() - std::set(all.begin(), all.end()).size();
     };
     EXPECT_GE(reused(numbers), connections.size() / 10);
-    // The address sanitizer keeps back what is freed, and so, as it pleases, does the thread
-    // sanitizer.
+    // How many addresses come again is up to the allocator. The address sanitizer keeps back what
+    // is freed, and so, as it pleases, does the thread sanitizer.
     if (!stress::kAddressSanitizer && !stress::kThreadSanitizer) {
-        EXPECT_GE(reused(addresses), connections.size() / 10);
+        EXPECT_GE(reused(addresses), connections.size() / 100);
     }
     RecordProperty("numbersReused", std::to_string(reused(numbers)));
     RecordProperty("addressesReused", std::to_string(reused(addresses)));
