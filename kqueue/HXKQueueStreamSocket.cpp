@@ -13,6 +13,7 @@
 std::shared_ptr<HXKQueueStreamSocket> HXKQueueStreamSocket::initWithSocket(
     int sock, bool closeOnStop, std::weak_ptr<HXKQueue> parent,
     std::shared_ptr<const LogHandle> logger) {
+    preventBrokenPipeSignal(sock);
     try {
         return std::make_shared<HXKQueueStreamSocket>(Private(), sock, closeOnStop, true,
                                                       std::move(parent), std::move(logger));
@@ -28,9 +29,7 @@ HXKQueueStreamSocket::HXKQueueStreamSocket(Private /*unused*/, int sock_, bool c
       logger(logger_),
       closeOnStop(closeOnStop_),
       isConnected(isConnected_),
-      stream(*this, std::move(parent_), std::move(logger_)) {
-    preventBrokenPipeSignal(sock);
-}
+      stream(*this, std::move(parent_), std::move(logger_)) {}
 
 void HXKQueueStreamSocket::enableOnData(HXKQueueEventBlock block) {
     if (!stream.keepBlock(std::move(block))) return;
