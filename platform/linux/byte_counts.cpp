@@ -68,6 +68,10 @@ int64_t tcpFreeBuffer(int fd) noexcept {
     return int64_t{memory[SK_MEMINFO_SNDBUF]} - int64_t{memory[SK_MEMINFO_WMEM_QUEUED]};
 }
 
+// The smallest send buffer that SO_SNDBUF makes (socket(7); asking for 1 byte, and for none, gives
+// this much on x86-64 and arm64).
+constexpr int64_t kLeastSendBuffer = 4608;
+
 int64_t tcpRoom(int fd) noexcept {
     return std::min(tcpFreeBuffer(fd) / kTcpChargePerByte, unsentLimit(fd) / 2);
 }
@@ -75,9 +79,14 @@ int64_t tcpRoom(int fd) noexcept {
 // A Unix socket polls writable while its charge is at most a quarter of its send buffer. A write
 // is cut into pieces of at most half the buffer less 64 bytes (net/unix/af_unix.c), and each piece
 // is let in as long as the charge before it is below the buffer's size: one always is.
-int64_t unixRoom(int fd) noexcept {
-    return sendBufferSize(fd) / 2 - 64;
+constexpr int64_t unixRoom(int64_t sendBuffer) noexcept {
+    return sendBuffer / 2 - 64;
 }
+
+// A third of the smallest buffer is free. A limit of unsent bytes does not matter to so few: a
+// socket that polls writable has its next segment let in, and they fit into what is left of the
+// last one and that.
+constexpr int64_t kLeastTcpRoom = kLeastSendBuffer / 3 / kTcpChargePerByte;
 
 // What one read takes at most, whatever it is given room for (read(2)).
 constexpr int64_t kMostOfOneRead = 0x7ffff000;
@@ -154,7 +163,7 @@ int64_t writableBytes(int fd, DescriptorKind kind) noexcept {
             case DescriptorKind::TcpSocket:
                 return tcpRoom(fd);
             case DescriptorKind::UnixSocket:
-                return unixRoom(fd);
+                return unixRoom(sendBufferSize(fd));
             case DescriptorKind::OtherSocket:
                 return sendBufferSize(fd) / kTcpChargePerByte;
             case DescriptorKind::Pipe:
@@ -170,6 +179,12 @@ int64_t writableBytes(int fd, DescriptorKind kind) noexcept {
         }
     };
     return std::max<int64_t>(room(), 1);
+}
+
+std::optional<int64_t> leastWritableBytes(DescriptorKind kind) noexcept {
+    if (kind == DescriptorKind::UnixSocket) return unixRoom(kLeastSendBuffer);
+    if (kind == DescriptorKind::TcpSocket) return kLeastTcpRoom;
+    return std::nullopt;
 }
 
 int takeSocketError(int fd) noexcept {

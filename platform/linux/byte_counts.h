@@ -55,6 +55,11 @@ enum class DescriptorKind {
 // least 1 then.
 [[nodiscard]] int64_t writableBytes(int fd, DescriptorKind kind) noexcept;
 
+// A number of bytes that a blocking write(2) takes without blocking whenever the socket polls
+// writable, however small its buffer and whatever it has been told since; found without asking.
+// None for what is no stream socket of a known kind.
+[[nodiscard]] std::optional<int64_t> leastWritableBytes(DescriptorKind kind) noexcept;
+
 // The socket's pending error, which the kernel then forgets; 0 without one.
 [[nodiscard]] int takeSocketError(int fd) noexcept;
 

@@ -46,7 +46,10 @@ struct Descriptor {
     bool dozing = false;  // edge-triggered until something is delivered
     int error = 0;        // the socket's, kept because asking for it makes the kernel forget it
     bool hadOutOfBand =
-        false;  // a Unix socket's FIONREAD is wrong once a byte has come out of band
+        false;                // a Unix socket's FIONREAD is wrong once a byte has come out of band
+    uint64_t lastRecord = 0;  // the call that returned it
+    int recordsOnTrust = 0;   // left until its identity is to be proved again
+    bool writesMuch = false;  // more at a time than the least room that every socket has
 
     Filter& filter(int16_t number) { return number == EVFILT_READ ? read : write; }
 };

@@ -20,7 +20,11 @@ using Nanoseconds = TimerSet::Nanoseconds;
 
 constexpr int64_t kPerSecond = 1'000'000'000;
 constexpr int64_t kPerMillisecond = 1'000'000;
-constexpr size_t kEventBatch = 1024;
+
+// What one call takes from epoll. Of 1,000 busy connections a message takes 2.4 us of processor
+// time with this many and 2.7 with all at once: what is read in one call and answered in the next
+// then stays in the processor's caches in between.
+constexpr size_t kEventBatch = 128;
 
 // Nothing tells when a regular file grows, so a wait that includes one looks this often.
 constexpr Nanoseconds kFileInterval = 50 * kPerMillisecond;
@@ -29,6 +33,9 @@ constexpr Nanoseconds kFileInterval = 50 * kPerMillisecond;
 constexpr Nanoseconds kPauseWhenRefused = kPerMillisecond;
 
 constexpr uint32_t kEnded = EPOLLHUP | EPOLLERR;
+
+// One in 32 costs a busy socket a thirtieth of a system call a record.
+constexpr int kRecordsOnTrust = 31;
 
 struct timespec toTimespec(Nanoseconds time) {
     return {.tv_sec = time / kPerSecond, .tv_nsec = time % kPerSecond};
@@ -95,6 +102,8 @@ int EventQueue::exchange(std::span<const struct kevent> changes, std::span<struc
         errno = EINVAL;
         return -1;
     }
+    ++calls;
+    lastSerialBefore = lastSerial;
     size_t failures = 0;
     int firstError = 0;
     for (const struct kevent& change : changes) {
@@ -145,21 +154,34 @@ int EventQueue::applyToTimer(const struct kevent& change) {
 int EventQueue::applyToDescriptor(const struct kevent& change) {
     if (change.ident > INT_MAX) return EBADF;
     const int fd = static_cast<int>(change.ident);
-    struct stat status;
-    if (!currentStatus(fd, status)) {
-        const int error = errno;
-        table.forget(fd);
-        return error;
+    const bool isAddition = (change.flags & (EV_ADD | EV_DELETE)) == EV_ADD;
+    Descriptor* descriptor = table.find(fd);
+    if (!descriptor || !answersRecord(*descriptor, change)) {
+        struct stat status;
+        if (!currentStatus(fd, status)) {
+            const int error = errno;
+            table.forget(fd);
+            return error;
+        }
+        descriptor = table.findUnchanged(fd, status);
+        if (!descriptor && isAddition && change.fflags == 0) descriptor = &table.create(fd, status);
     }
-    Descriptor* descriptor = table.findUnchanged(fd, status);
-    if ((change.flags & EV_DELETE) == 0 && (change.flags & EV_ADD) != 0) {
-        if (change.fflags != 0) return EINVAL;
-        return addFilter(descriptor ? *descriptor : table.create(fd, status), change);
-    }
+    if (isAddition) return change.fflags == 0 ? addFilter(*descriptor, change) : EINVAL;
     if (!descriptor || !descriptor->filter(change.filter).present) return ENOENT;
     if ((change.flags & EV_DELETE) != 0)
         removeFilter(*descriptor, descriptor->filter(change.filter));
     return 0;
+}
+
+// A write filter is armed and removed for every message, in answer to the record of the message
+// read and that of the room to write it.
+bool EventQueue::answersRecord(const Descriptor& descriptor,
+                               const struct kevent& change) const noexcept {
+    const auto isItsOwner = [&](const Filter& filter) {
+        return filter.present && filter.udata == change.udata;
+    };
+    return change.filter == EVFILT_WRITE && descriptor.lastRecord + 1 == calls &&
+           (isItsOwner(descriptor.read) || isItsOwner(descriptor.write));
 }
 
 int EventQueue::addFilter(Descriptor& descriptor, const struct kevent& change) {
@@ -306,6 +328,7 @@ bool EventQueue::lookAgainAtLeftovers() {
         Filter* filter = table.find(ready[i]);
         filter->seen = static_cast<uint16_t>(polled[i].revents);
         filter->queued = filter->seen != 0;
+        table.find(ready[i].fd)->recordsOnTrust = 0;  // epoll tells files apart, poll does not
         if (filter->queued) ready[kept++] = ready[i];
     }
     ready.resize(kept);
@@ -369,13 +392,16 @@ bool EventQueue::deliverOne(const Ticket& ticket, struct kevent& record) noexcep
     Filter* filter = table.find(ticket);
     if (!filter) return false;
     filter->queued = false;
-    Descriptor* descriptor = table.findUnchanged(ticket.fd);
-    if (!descriptor) return false;
-
+    Descriptor* descriptor = table.find(ticket.fd);
     EV_SET(&record, ticket.fd, ticket.filter, filter->oneShot ? EV_ONESHOT : 0, 0, 0,
            filter->udata);
-    const bool isReady = ticket.filter == EVFILT_READ ? fillReadRecord(*descriptor, record)
-                                                      : fillWriteRecord(*descriptor, record);
+    bool isReady = fillOnTrust(*descriptor, ticket, record);
+    if (!isReady) {
+        descriptor = table.findUnchanged(ticket.fd);
+        if (!descriptor) return false;
+        isReady = fillRecord(*descriptor, ticket, record);
+    }
+    if (isReady) descriptor->lastRecord = calls;
     const bool wasProbed = filter->probed;
     filter->probed = wasProbed && isReady;
     descriptor->dozing = !isReady;
@@ -385,6 +411,37 @@ bool EventQueue::deliverOne(const Ticket& ticket, struct kevent& record) noexcep
     }
     if (isReady && filter->oneShot) removeFilter(*descriptor, *filter);
     return isReady;
+}
+
+// Whatever is not plain bytes in a socket, or plain room for a filter that this call has added, is
+// left to be proved. False then.
+bool EventQueue::fillOnTrust(Descriptor& descriptor, const Ticket& ticket,
+                             struct kevent& record) const noexcept {
+    const std::optional<int64_t> least = leastWritableBytes(descriptor.kind);
+    if (!least) return false;
+    if (ticket.filter == EVFILT_WRITE) {
+        if (descriptor.write.seen != EPOLLOUT || ticket.serial <= lastSerialBefore) return false;
+        record.data =
+            descriptor.writesMuch ? writableBytes(descriptor.fd, descriptor.kind) : *least;
+        return true;
+    }
+    const bool hasPlainBytes = (descriptor.read.seen & ~uint32_t{EPOLLOUT}) == EPOLLIN;
+    if (!hasPlainBytes || descriptor.hadOutOfBand || descriptor.recordsOnTrust == 0) return false;
+    --descriptor.recordsOnTrust;
+    record.data = readableBytes(descriptor.fd, descriptor.kind).value_or(0);
+    return record.data > 0;
+}
+
+// A write filter that is still there after its first record had more to write than the least.
+bool EventQueue::fillRecord(Descriptor& descriptor, const Ticket& ticket,
+                            struct kevent& record) noexcept {
+    if (ticket.filter == EVFILT_WRITE) {
+        descriptor.writesMuch = ticket.serial <= lastSerialBefore;
+        return fillWriteRecord(descriptor, record);
+    }
+    descriptor.recordsOnTrust = kRecordsOnTrust;
+    descriptor.writesMuch = false;
+    return fillReadRecord(descriptor, record);
 }
 
 // A read passes over a byte that was sent out of band. TCP's FIONREAD stops at it, a Unix socket's

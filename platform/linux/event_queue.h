@@ -9,6 +9,9 @@
 //   together with epoll itself. Only one that cannot take bytes is handed to epoll.
 //   What is found ready goes through `ready`, first in, first out, and its count is taken when it
 //   is delivered. What does not fit is looked at again, in front, by the next call.
+//   Most calls to the kernel would only ask whether a number still means the open file that was
+//   registered. What a call has just returned a record of is trusted by the next one's changes,
+//   and a busy socket is asked about once in so many records; whatever looks unusual is proved.
 //   A readiness that turns out to be nothing (no bytes, no end) would come back at once, so its
 //   descriptor dozes: edge-triggered until something is delivered from it.
 //
@@ -47,6 +50,8 @@ private:
     int apply(const struct kevent& change) noexcept;
     int applyToTimer(const struct kevent& change);
     int applyToDescriptor(const struct kevent& change);
+    [[nodiscard]] bool answersRecord(const Descriptor& descriptor,
+                                     const struct kevent& change) const noexcept;
     int addFilter(Descriptor& descriptor, const struct kevent& change);
     bool enlist(const Descriptor& descriptor, int16_t filter, uint64_t serial);
     void removeFilter(Descriptor& descriptor, Filter& filter) noexcept;
@@ -68,6 +73,9 @@ private:
     size_t deliverReady(std::span<struct kevent> room) noexcept;
     size_t deliverTimers(std::span<struct kevent> room) noexcept;
     bool deliverOne(const Ticket& ticket, struct kevent& record) noexcept;
+    bool fillOnTrust(Descriptor& descriptor, const Ticket& ticket,
+                     struct kevent& record) const noexcept;
+    bool fillRecord(Descriptor& descriptor, const Ticket& ticket, struct kevent& record) noexcept;
     static int64_t countReadable(Descriptor& descriptor) noexcept;
     static bool fillReadRecord(Descriptor& descriptor, struct kevent& record) noexcept;
     static bool fillWriteRecord(Descriptor& descriptor, struct kevent& record) noexcept;
@@ -83,6 +91,8 @@ private:
     std::vector<struct epoll_event> events;
     std::vector<struct pollfd> polled;
     uint64_t lastSerial = 0;
+    uint64_t lastSerialBefore = 0;  // the call that goes on
+    uint64_t calls = 0;
     bool hasStrays = false;
     bool isRefused = false;  // by epoll, so that what ought to wait for an event comes back at once
     bool timersFirst = false;  // takes turns, so that neither timers nor descriptors starve

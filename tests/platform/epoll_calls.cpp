@@ -1,8 +1,10 @@
 #include "tests/platform/epoll_calls.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <cstdarg>
 
 std::atomic<int> epollCtlCalls{0};
+std::atomic<int> questions{0};
 std::atomic<int> failingQueueCreations{0};
 std::atomic<bool> isEpollFull{false};
 std::atomic<int> readAwayBeforeCount{-1};
@@ -35,6 +38,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     va_start(arguments, request);
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
+    ++questions;
     if (request == FIONREAD) {
         std::array<char, 64> taken{};
         const int thief = readAwayBeforeCount.exchange(-1);
@@ -54,7 +58,14 @@ extern "C" int epoll_create1(int flags) noexcept {
 
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int getsockopt(int fd, int level, int name, void* value, socklen_t* length) noexcept {
+    ++questions;
     if (isMemoryInfoCut && level == SOL_SOCKET && name == SO_MEMINFO)
         *length = std::min<socklen_t>(*length, sizeof(uint32_t));
     return static_cast<int>(syscall(SYS_getsockopt, fd, level, name, value, length));
+}
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+extern "C" int fstat(int fd, struct stat* status) noexcept {
+    ++questions;
+    return static_cast<int>(syscall(SYS_newfstatat, fd, "", status, AT_EMPTY_PATH));
 }

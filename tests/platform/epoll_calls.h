@@ -5,6 +5,9 @@
 
 extern std::atomic<int> epollCtlCalls;
 
+// Calls that only ask about a descriptor: fstat, ioctl, getsockopt.
+extern std::atomic<int> questions;
+
 // How many of the next calls of epoll_create1 fail, with EMFILE.
 extern std::atomic<int> failingQueueCreations;
 

@@ -65,4 +65,26 @@ TEST_F(Closing, FifoOpenedAgainUnderTheNumberHasNoneOfTheOldFilters) {
     rmdir(path.c_str());
 }
 
+// What <sys/event.h> says of a busy socket's number: the duplicate's bytes are taken for those of
+// the new descriptor, but not for long, and never by a filter of the new one's.
+TEST_F(Closing, DuplicateOfABusySocketIsShakenOffAfterFewRecords) {
+    Pair old = unixPair();
+    add(old.ours, EVFILT_READ);
+    send(old.peer, "x");
+    EXPECT_EQ(waitForOne().data, 1);
+    const Descriptor duplicate(dup(old.ours));
+    Pair next = unixPair();
+    send(next.peer, "unread");
+    const int number = old.ours;
+    old.ours.reset();
+    ASSERT_EQ(dup2(next.ours, number), number);
+    old.ours = Descriptor(number);
+    int records = 0;
+    while (records < 1000 && !look().empty())
+        ++records;
+    EXPECT_LT(records, 32);
+    EXPECT_TRUE(wait(8, 20).empty());
+    EXPECT_EQ(change(static_cast<uint64_t>(number), EVFILT_READ, EV_DELETE), ENOENT);
+}
+
 }  // namespace

@@ -48,6 +48,29 @@ TEST_F(Cost, ArmingAndRemovingAWriteFilterOfASocketWithRoomTakesNoEpollCtl) {
     EXPECT_EQ(epollCtlCalls, before);
 }
 
+// One is how many bytes there are. What the number means is asked once in 32 records.
+TEST_F(Cost, MessageEchoedByABusySocketTakesOneQuestion) {
+    for (const auto make : {unixPair, tcpPair}) {
+        Pair pair = make();
+        add(pair.ours, EVFILT_READ);
+        const auto echo = [&] {
+            send(pair.peer, "x");
+            ASSERT_EQ(waitForOne().filter, EVFILT_READ);
+            EXPECT_EQ(receive(pair.ours, 1), "x");
+            ASSERT_EQ(exchange({writeChange(pair.ours, EV_ADD | EV_ENABLE)}), 1U);
+            EXPECT_GE(records[0].data, 1);
+            send(pair.ours, "x");
+            ASSERT_EQ(exchange({writeChange(pair.ours, EV_DELETE)}), 0U);
+            EXPECT_EQ(receive(pair.peer, 1), "x");
+        };
+        ASSERT_NO_FATAL_FAILURE(echo());
+        const int before = questions;
+        for (int i = 0; i < 320; ++i)
+            ASSERT_NO_FATAL_FAILURE(echo());
+        EXPECT_LE(questions - before, 320 + 2 * 10);
+    }
+}
+
 TEST_F(Cost, SteadyStateAllocatesNothingAndTellsEpollNothing) {
     Pair pair = unixPair();
     add(pair.ours, EVFILT_READ);

@@ -20,13 +20,32 @@ namespace {
 
 class WriteFilter : public KernelQueueTest {
 protected:
+    // What the call that adds the filter finds at once.
+    Records addAndLook(int fd) {
+        const struct kevent arming = makeChange(fd, EVFILT_WRITE, EV_ADD);
+        const struct timespec atOnce = {};
+        Records records(8);
+        const int count = kevent(queue, &arming, 1, records.data(), 8, &atOnce);
+        EXPECT_GE(count, 0);
+        records.resize(static_cast<size_t>(std::max(count, 0)));
+        return records;
+    }
+
+    // For every message, as a stream does it.
+    Records armAfresh(int fd) {
+        const Records records = addAndLook(fd);
+        remove(fd, EVFILT_WRITE);
+        return records;
+    }
+
     // Writes as many bytes as each count says, and reads a piece at the other end whenever there
     // is none. A count that is too large would block the write, and the test with it. It is
     // checked without blocking, so that a failure is a message.
-    void writeAsCounted(const Pair& pair, char byte, size_t piece, int rounds) {
+    void writeAsCounted(const Pair& pair, char byte, size_t piece, int rounds,
+                        bool armingAfresh = false) {
         std::string drained(piece, '\0');
         for (int round = 0; round < rounds; ++round) {
-            const Records records = look();
+            const Records records = armingAfresh ? armAfresh(pair.ours) : look();
             if (records.empty()) {
                 ASSERT_GT(read(pair.peer, drained.data(), drained.size()), 0);
                 continue;
@@ -63,6 +82,14 @@ TEST_P(WriteFilterOfAnyStream, CountNeverBlocksWhateverTheSizeOfTheWritesBefore)
         while (read(pair.peer, all.data(), all.size()) > 0) {
         }
         fcntl(pair.peer, F_SETFL, 0);
+    }
+}
+
+TEST_P(WriteFilterOfAnyStream, CountOfOneJustAddedNeverBlocksWhateverTheSizeOfTheWritesBefore) {
+    for (const size_t piece : {size_t{1}, size_t{100}, size_t{1000}, size_t{60'000}}) {
+        SCOPED_TRACE("after pieces of " + std::to_string(piece) + " bytes");
+        fillUp(pair.ours, piece);
+        ASSERT_NO_FATAL_FAILURE(writeAsCounted(pair, 'y', 1'000, 300, true));
     }
 }
 
@@ -106,6 +133,36 @@ TEST_F(WriteFilter, OfAPendingConnectIsSilent) {
     for (size_t i = 0; i < clients.size(); ++i)
         accepted.emplace_back(accept(listener, nullptr, nullptr));
     EXPECT_EQ(waitForOne().flags & EV_EOF, 0);
+}
+
+TEST_F(WriteFilter, CountGrowsIfThatOfTheFirstRecordWasNotEnough) {
+    for (const auto make : {unixPair, tcpPair}) {
+        const Pair pair = make();
+        add(pair.ours, EVFILT_READ);
+        const Records first = addAndLook(pair.ours);
+        ASSERT_EQ(first.size(), 1U);
+        const int64_t exact = waitForOne().data;
+        EXPECT_GT(exact, first.front().data);
+        EXPECT_GT(exact, 50'000);
+        remove(pair.ours, EVFILT_WRITE);
+        const Records next = addAndLook(pair.ours);
+        ASSERT_EQ(next.size(), 1U);
+        EXPECT_EQ(next.front().data, exact);
+        remove(pair.ours, EVFILT_READ);
+        remove(pair.ours, EVFILT_WRITE);
+    }
+}
+
+TEST_F(WriteFilter, CountOfOneJustAddedFitsTheSmallestSendBuffer) {
+    for (const auto make : {unixPair, tcpPair}) {
+        const Pair pair = make();
+        const int least = 0;
+        ASSERT_EQ(setsockopt(pair.ours, SOL_SOCKET, SO_SNDBUF, &least, sizeof least), 0);
+        for (const size_t piece : {size_t{1}, size_t{10}, size_t{100}, size_t{1000}}) {
+            SCOPED_TRACE("reading pieces of " + std::to_string(piece) + " bytes");
+            ASSERT_NO_FATAL_FAILURE(writeAsCounted(pair, 'x', piece, 1'000, true));
+        }
+    }
 }
 
 TEST_F(WriteFilter, OfASmallSendBufferHasRoom) {
@@ -184,7 +241,7 @@ TEST_F(WriteFilter, CountOfATerminalsMasterNeverBlocks) {
 
 class LimitedUnsent : public WriteFilter, public testing::WithParamInterface<int> {};
 
-INSTANTIATE_TEST_SUITE_P(FromOneByteUp, LimitedUnsent, testing::Values(1, 2, 4096, 65'536));
+INSTANTIATE_TEST_SUITE_P(FromOneByteUp, LimitedUnsent, testing::Values(1, 2, 100, 4096, 65'536));
 
 TEST_P(LimitedUnsent, IsHeededByTheRoomOfATcpSocket) {
     const Pair pair = tcpPair();
@@ -193,6 +250,20 @@ TEST_P(LimitedUnsent, IsHeededByTheRoomOfATcpSocket) {
     add(pair.ours, EVFILT_WRITE);
     EXPECT_GT(waitForOne().data, 0);
     writeAsCounted(pair, 'x', 1'000, 2'000);
+}
+
+// Segments as small as the kernel takes make its bookkeeping as large as can be.
+TEST_P(LimitedUnsent, IsHeededByTheRoomOfAFilterJustAddedWhateverTheSegments) {
+    for (const int segment : {88, 536, 0}) {
+        SCOPED_TRACE("segments of " + std::to_string(segment) + " bytes");
+        const Pair pair = tcpPair();
+        const int limit = GetParam();
+        ASSERT_EQ(setsockopt(pair.ours, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &limit, sizeof limit), 0);
+        if (segment != 0) {
+            ASSERT_EQ(setsockopt(pair.ours, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof segment), 0);
+        }
+        ASSERT_NO_FATAL_FAILURE(writeAsCounted(pair, 'x', 1'000, 2'000, true));
+    }
 }
 
 // The owner hears of the end by a write only, so there must be something to write.

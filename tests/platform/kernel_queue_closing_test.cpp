@@ -184,4 +184,40 @@ TEST_F(Closing, ThatAChangeHasRunIntoRemovesTheFiltersForGood) {
     EXPECT_EQ(change(static_cast<uint64_t>(number), EVFILT_READ, EV_DELETE), ENOENT);
 }
 
+TEST_F(Closing, NextOwnerThatAddsAWriteFilterRightAfterARecordDoesNotRevealTheOldReadFilter) {
+    Pair old = unixPair();
+    add(old.ours, EVFILT_READ, &oldTag);
+    send(old.peer, "x");
+    Pair next = unixPair();
+    send(next.peer, "x");
+    const int number = old.ours;
+    EXPECT_EQ(waitForOne().udata, &oldTag);
+    reuse(old.ours, std::move(next.ours));
+    add(number, EVFILT_WRITE, &newTag);
+    const struct kevent record = waitForOne();
+    EXPECT_EQ(record.filter, EVFILT_WRITE);
+    EXPECT_EQ(record.udata, &newTag);
+    EXPECT_EQ(change(static_cast<uint64_t>(number), EVFILT_READ, EV_DELETE), ENOENT);
+}
+
+// The room is for one, so that the other's readiness is left for the next call.
+TEST_F(Closing, NextOwnerOfANumberWhoseReadinessWasLeftOverSeesNothingOfIt) {
+    std::array<Pair, 2> pairs = {unixPair(), unixPair()};
+    for (Pair& pair : pairs) {
+        add(pair.ours, EVFILT_READ, &oldTag);
+        send(pair.peer, "x");
+        EXPECT_EQ(waitForOne().data, 1);
+        EXPECT_EQ(receive(pair.ours, 1), "x");
+    }
+    for (Pair& pair : pairs)
+        send(pair.peer, "x");
+    const Records first = look(1);
+    ASSERT_EQ(first.size(), 1U);
+    const bool isSecond = first.front().ident == static_cast<uint64_t>(int{pairs[1].ours});
+    Pair next = unixPair();
+    send(next.peer, "for the new one");
+    reuse(pairs[isSecond ? 0 : 1].ours, std::move(next.ours));
+    EXPECT_EQ(waitForOne().ident, first.front().ident);
+}
+
 }  // namespace

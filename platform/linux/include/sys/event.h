@@ -31,12 +31,20 @@
 //
 // Descriptors
 //   Closing a descriptor removes its filters, also while a duplicate of it lives. Its number may
-//   be reused at once. Three things cannot be seen from outside the kernel, and filters outlive
-//   them: a descriptor closed and then made again, under the same number, from a duplicate of
-//   itself; a regular file or device that is always ready, closed and opened again under the same
-//   number; and the same of a FIFO or terminal whose only filter is one for writing that has had
-//   room ever since it was added. Directories and block devices are refused with EINVAL. One
-//   descriptor may be in several queues; a socket's pending error is told by the first that asks.
+//   be reused at once. What cannot be seen from outside the kernel, or is not asked every time:
+//   - A descriptor closed and then made again, under the same number, from a duplicate of itself
+//     keeps its filters. So does a regular file or device that is always ready, closed and opened
+//     again under the same number, and a FIFO or terminal whose only filter is one for writing
+//     that has had room ever since it was added.
+//   - A stream socket closed, without a shutdown, while a duplicate of it lives, whose number has
+//     become a descriptor with bytes to read and without a filter here: up to 31 records of those
+//     bytes still go to the old filter.
+//   - A write filter that is added or removed in answer to a record, that is by the call after the
+//     one that returned it, and with its udata, is taken to be for the same descriptor. Who closes
+//     that in between, and registers another one of the same number, begins with its read filter
+//     or uses another udata.
+//   Directories and block devices are refused with EINVAL. One descriptor may be in several queues;
+//   a socket's pending error is told by the first that asks.
 //
 // Threads: any; calls on one queue take turns, so one call that waits holds up the others.
 // close(2) of the queue's own descriptor is enough to be rid of it.
