@@ -8,16 +8,15 @@
 
 #include <sys/resource.h>
 
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
+#include "bench/support/counts.h"
 #include "bench/support/echo_load.h"
 #include "bench/support/figures.h"
 #include "bench/support/program.h"
@@ -67,22 +66,14 @@ struct Series {
     std::optional<double> systemCalls;  // a message
 };
 
-int readCount(std::string_view text) {
-    int count = 0;
-    const auto [end, error] = std::from_chars(text.begin(), text.end(), count);
-    if (error == std::errc() && end == text.end() && count > 0) return count;
-    std::fprintf(stderr, "echo: not a count: %.*s\n", static_cast<int>(text.size()), text.data());
-    std::exit(2);
-}
-
 Options readOptions(int argc, char** argv) {
     Options options;
     for (int i = 1; i < argc; ++i) {
         const std::string_view word = argv[i];
         if (word == "--rounds" && i + 1 < argc)
-            options.rounds = readCount(argv[++i]);
+            options.rounds = readCount("echo", argv[++i]);
         else if (word == "--milliseconds" && i + 1 < argc)
-            options.milliseconds = readCount(argv[++i]);
+            options.milliseconds = readCount("echo", argv[++i]);
         else
             options.only = word;
     }
