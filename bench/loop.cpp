@@ -9,7 +9,8 @@
 //     sources    creating, arming and stopping as many streams as there may be descriptors, and
 //                100,000 that share descriptors
 //     timers     the same with 1,000 and 100,000 timers
-//     idle       the processor's time of a loop without events, and a connection's memory
+//     idle       the processor's time of a loop without events, beside that of a bare wait, and a
+//                connection's memory
 //
 // Each round measures each loop once, in a process of its own. Figures are medians over the rounds;
 // ratios are taken within a round.
@@ -22,6 +23,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bench/loop/bare_wait.h"
 #include "bench/loop/measuring.h"
 #include "bench/loop/subject.h"
 #include "bench/support/counts.h"
@@ -252,30 +254,50 @@ void measureSources(int rounds) {
                 many);
 }
 
-void measureIdle(int rounds) {
-    const size_t counts[] = {0,
-                             std::min(kIdleConnections, (descriptors() - kOtherDescriptors) / 2)};
-    std::printf("\nidle: for %.0f s; a connection has had a message echoed\n", kIdleSeconds);
-    for (const size_t connections : counts) {
-        Series processor;
-        Series heap;
-        Series resident;
-        for (int round = 0; round < rounds; ++round) {
-            Rest figures[2];
-            for (size_t i = 0; i < 2; ++i)
-                figures[i] = inChild([i, connections] {
-                    return kSubjects[i]->rest(makePairs(connections), kIdleSeconds);
-                });
-            processor.add(figures[0].processorShare, figures[1].processorShare);
-            heap.add(figures[0].heapBytes, figures[1].heapBytes);
-            resident.add(figures[0].residentBytes, figures[1].residentBytes);
-        }
-        printHeading((std::to_string(connections) + " connections").c_str());
-        print("% of a processor", processor, 0.01);
-        if (connections == 0) continue;
-        print("bytes of heap a connection", heap, 1);
-        print("bytes of memory a connection", resident, 1);
+struct RestSeries {
+    explicit RestSeries(size_t connections_) : connections(connections_) {}
+
+    void measure() {
+        Rest figures[2];
+        for (size_t i = 0; i < 2; ++i)
+            figures[i] = inChild(
+                [this, i] { return kSubjects[i]->rest(makePairs(connections), kIdleSeconds); });
+        processor.add(figures[0].processorShare, figures[1].processorShare);
+        heap.add(figures[0].heapBytes, figures[1].heapBytes);
+        resident.add(figures[0].residentBytes, figures[1].residentBytes);
     }
+
+    void print() const {
+        printHeading((std::to_string(connections) + " connections").c_str());
+        ::print("% of a processor", processor, 0.01);
+        if (connections == 0) return;
+        ::print("bytes of heap a connection", heap, 1);
+        ::print("bytes of memory a connection", resident, 1);
+    }
+
+    size_t connections;
+    Series processor;
+    Series heap;
+    Series resident;
+};
+
+void measureIdle(int rounds) {
+    RestSeries none(0);
+    RestSeries many(std::min(kIdleConnections, (descriptors() - kOtherDescriptors) / 2));
+    Series ofBareWait;
+    for (int round = 0; round < rounds; ++round) {
+        none.measure();
+        ofBareWait.add(none.processor.ours.back(),
+                       inChild([] { return processorShareOfBareWait(kIdleSeconds); }));
+        many.measure();
+    }
+    std::printf("\nidle: for %.0f s; a connection has had a message echoed\n", kIdleSeconds);
+    none.print();
+    std::printf(
+        "a bare wait of 5 ms, again and again: %.2f %% of a processor; the loop's to that: "
+        "%.2f\n",
+        median(ofBareWait.peers) * 100, median(ofBareWait.ratio));
+    many.print();
 }
 
 struct Case {
