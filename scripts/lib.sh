@@ -105,6 +105,7 @@ missing_for_benchmarks() {
     has_library libuv || echo libuv1-dev
     has_library libevent_core || echo libevent-dev
     compiles -fsyntax-only <<<'#include <ev.h>' || echo libev-dev
+    has_library benchmark || echo libbenchmark-dev
 }
 
 # Other versions of these two format and warn otherwise.
@@ -133,6 +134,7 @@ formula_of() {
         ninja-build) echo ninja ;;
         boost-json) echo boost ;;
         libgtest-dev) echo googletest ;;
+        libbenchmark-dev) echo google-benchmark ;;
         pkg-config) echo pkgconf ;;
         *) echo "$1" ;;
     esac
