@@ -108,6 +108,12 @@ missing_for_benchmarks() {
     has_library benchmark || echo libbenchmark-dev
 }
 
+missing_for_guard() {
+    missing_for_benchmarks
+    has strace || echo strace
+    has valgrind || echo valgrind
+}
+
 # Other versions of these two format and warn otherwise.
 missing_for_linting() {
     missing_for_testing

@@ -60,7 +60,7 @@ void sleepFor(double seconds) {
 }
 
 void sleepAtRandom() {
-    static std::minstd_rand random(1);
+    static std::minstd_rand random(1);  // NOLINT(cert-msc32-c,cert-msc51-cpp): not a secret
     sleepFor(std::uniform_real_distribution(0.0, 0.01)(random));
 }
 

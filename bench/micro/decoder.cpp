@@ -21,7 +21,7 @@ void decode(benchmark::State& state, const std::string& bytes, size_t frames) {
         ++delivered;
     });
     size_t decoded = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         uint64_t drop = 0;
         if (!client->parseProtocolBuffer(bytes.data(), bytes.size(), &drop) || drop != bytes.size())
             break;

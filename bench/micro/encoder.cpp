@@ -9,7 +9,7 @@ namespace {
 template <typename Request>
 void encode(benchmark::State& state, Request request) {
     const auto client = makeClientWithoutDaemon();
-    for (auto _ : state)
+    while (state.KeepRunning())
         request(*client);
     state.SetItemsProcessed(state.iterations());
 }

@@ -80,7 +80,7 @@ void registerAndDelete(benchmark::State& state) {
     const auto removals = sockets.changes(EVFILT_READ, EV_DELETE);
     Queue queue(count);
     bool isRight = true;
-    for (auto _ : state)
+    while (state.KeepRunning())
         isRight = queue.exchange(additions) == 0 && queue.exchange(removals) == 0 && isRight;
     setItems(state, isRight);
 }
@@ -93,7 +93,7 @@ void armAndRemoveWrite(benchmark::State& state) {
     const auto removals = sockets.changes(EVFILT_WRITE, EV_DELETE);
     Queue queue(count);
     bool isRight = true;
-    for (auto _ : state)
+    while (state.KeepRunning())
         isRight = queue.exchange(additions) == static_cast<int>(count) &&
                   queue.exchange(removals) == 0 && isRight;
     setItems(state, isRight);
@@ -112,7 +112,7 @@ void deliver(benchmark::State& state) {
     Queue queue(count);
     bool isRight =
         queue.exchange(sockets.changes(EVFILT_READ, EV_ADD | EV_ENABLE)) == static_cast<int>(count);
-    for (auto _ : state)
+    while (state.KeepRunning())
         isRight = queue.exchange({}) == static_cast<int>(count) && isRight;
     setItems(state, isRight);
 }
@@ -127,7 +127,7 @@ void deliverOneOfMany(benchmark::State& state) {
     Queue queue(8);
     bool isRight = queue.exchange(idle.changes(EVFILT_READ, EV_ADD | EV_ENABLE)) == 0 &&
                    queue.exchange(busy.changes(EVFILT_READ, EV_ADD | EV_ENABLE)) == 1;
-    for (auto _ : state)
+    while (state.KeepRunning())
         isRight = queue.exchange({}) == 1 && isRight;
     if (!isRight) state.SkipWithError("not what was to be delivered");
     state.SetItemsProcessed(state.iterations());
@@ -144,7 +144,7 @@ void armAndRemoveTimers(benchmark::State& state) {
     }
     Queue queue(count);
     bool isRight = true;
-    for (auto _ : state)
+    while (state.KeepRunning())
         isRight = queue.exchange(additions) == 0 && queue.exchange(removals) == 0 && isRight;
     setItems(state, isRight);
 }

@@ -46,7 +46,7 @@ void print(benchmark::State& state, Report report) {
     }
     {
         const NowhereToPrint nowhere;
-        for (auto _ : state)
+        while (state.KeepRunning())
             report(*servers);
     }
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(reply.devices));

@@ -23,7 +23,7 @@ std::shared_ptr<HXTarnIPCClient> makeClientWithoutDaemon() {
         listen(listener, 1) == -1)
         fail("listen on " + path);
     const auto loop = HXKQueue::initWithSubsystem("org.example.usb.virt.ctl");
-    const auto client = loop ? HXTarnIPCClient::initWithKQueue(loop, path.c_str()) : nullptr;
+    auto client = loop ? HXTarnIPCClient::initWithKQueue(loop, path.c_str()) : nullptr;
     if (!client) fail("no client");
     close(listener);
     std::filesystem::remove_all(directory);
