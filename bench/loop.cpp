@@ -9,8 +9,8 @@
 //     sources    creating, arming and stopping as many streams as there may be descriptors, and
 //                100,000 that share descriptors
 //     timers     the same with 1,000 and 100,000 timers
-//     idle       the processor's time of a loop without events, beside that of a bare wait, and a
-//                connection's memory
+//     idle       the processor's time of a loop without events, beside that of others which wake
+//                as often, and a connection's memory
 //
 // Each round measures each loop once, in a process of its own. Figures are medians over the rounds;
 // ratios are taken within a round.
@@ -285,18 +285,23 @@ void measureIdle(int rounds) {
     RestSeries none(0);
     RestSeries many(std::min(kIdleConnections, (descriptors() - kOtherDescriptors) / 2));
     Series ofBareWait;
+    Series ofTickingLibuv;
     for (int round = 0; round < rounds; ++round) {
         none.measure();
         ofBareWait.add(none.processor.ours.back(),
                        inChild([] { return processorShareOfBareWait(kIdleSeconds); }));
+        ofTickingLibuv.add(none.processor.ours.back(),
+                           inChild([] { return processorShareOfTickingLibuv(kIdleSeconds); }));
         many.measure();
     }
     std::printf("\nidle: for %.0f s; a connection has had a message echoed\n", kIdleSeconds);
     none.print();
-    std::printf(
-        "a bare wait of 5 ms, again and again: %.2f %% of a processor; the loop's to that: "
-        "%.2f\n",
-        median(ofBareWait.peers) * 100, median(ofBareWait.ratio));
+    const auto printShare = [](const char* whose, const Series& of) {
+        std::printf("%s: %.2f %% of a processor; the loop's to that: %.2f\n", whose,
+                    median(of.peers) * 100, median(of.ratio));
+    };
+    printShare("libuv with a timer of 5 ms", ofTickingLibuv);
+    printShare("a bare wait of 5 ms, again and again", ofBareWait);
     many.print();
 }
 

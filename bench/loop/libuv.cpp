@@ -280,6 +280,16 @@ Rest rest(const Pairs& connections, double seconds) {
 
 }  // namespace
 
+double processorShareOfTickingLibuv(double seconds) {
+    auto* loop = new RunningLoop;
+    uv_timer_t timer;
+    uv_timer_init(&loop->loop, &timer);
+    uv_timer_start(
+        &timer, [](uv_timer_t* /*timer*/) {}, 5, 5);
+    loop->start();
+    return restSince({}, 0, seconds).processorShare;
+}
+
 const Subject kLibuv = {.name = "libuv",
                         .timers = timers,
                         .sources = sources,

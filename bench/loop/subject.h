@@ -66,3 +66,7 @@ inline constexpr size_t kMessageSize = 64;
 
 extern const Subject kHxkqueue;
 extern const Subject kLibuv;
+
+// Of a libuv loop without connections that a timer wakes every 5 ms, as the library's loop wakes,
+// over so many seconds: the share of a processor.
+[[nodiscard]] double processorShareOfTickingLibuv(double seconds);
