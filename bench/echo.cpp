@@ -3,7 +3,8 @@
 //     echo [--rounds N] [--milliseconds N] [CASE]
 //
 // Each round measures every server once, for so long, in each case whose name contains CASE.
-// Figures are medians over the rounds. The client takes a processor of its own, verifies every
+// Figures are medians over the rounds. The server and the client keep to a processor each, or one
+// connection's figures would tell whether they happened to share one. The client verifies every
 // byte, and keeps one message under way on each connection.
 
 #include <sys/resource.h>
@@ -19,6 +20,7 @@
 #include "bench/support/counts.h"
 #include "bench/support/echo_load.h"
 #include "bench/support/figures.h"
+#include "bench/support/processors.h"
 #include "bench/support/program.h"
 
 namespace {
@@ -124,8 +126,14 @@ private:
         return {server.program, "tcp", "127.0.0.1", std::to_string(port)};
     }
 
+    Program start(const Server& server) {
+        keepToProcessor(kServersProcessor);
+        return Program(commandOf(server));
+    }
+
     void measure(const Server& server, Series& into) {
-        const Program program(commandOf(server));
+        const Program program = start(server);
+        keepToProcessor(kClientsProcessor);
         EchoLoad load(path, port, measured.busy, measured.idle, measured.messageSize);
         static_cast<void>(load.run(seconds() / 10));
         const double before = program.processorSeconds();
@@ -147,7 +155,8 @@ private:
     [[nodiscard]] double seconds() const { return options.milliseconds / 1000.0; }
 
     std::optional<double> countSystemCalls(const Server& server) {
-        const Program program(commandOf(server));
+        const Program program = start(server);
+        keepToProcessor(kClientsProcessor);
         EchoLoad load(path, port, measured.busy, measured.idle, measured.messageSize);
         static_cast<void>(load.run(seconds() / 10));
         const SystemCallCounter counter(program);
@@ -158,6 +167,8 @@ private:
     }
 
     static constexpr int kFirstPort = 20'000;
+    static constexpr size_t kServersProcessor = 0;
+    static constexpr size_t kClientsProcessor = 1;
     static inline int endpoint = 0;  // those that have been handed out
 
     const Case& measured;
