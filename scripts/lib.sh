@@ -106,6 +106,10 @@ missing_for_benchmarks() {
     has_library libevent_core || echo libevent-dev
     compiles -fsyntax-only <<<'#include <ev.h>' || echo libev-dev
     has_library benchmark || echo libbenchmark-dev
+    has_library simdjson || echo libsimdjson-dev
+    has jq || echo jq
+    has python3 || echo python3
+    has socat || echo socat
 }
 
 missing_for_guard() {
@@ -141,6 +145,7 @@ formula_of() {
         boost-json) echo boost ;;
         libgtest-dev) echo googletest ;;
         libbenchmark-dev) echo google-benchmark ;;
+        libsimdjson-dev) echo simdjson ;;
         pkg-config) echo pkgconf ;;
         *) echo "$1" ;;
     esac

@@ -1,12 +1,7 @@
 #include "bench/support/list_reply.h"
 
-#include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstdio>
-#include <iterator>
-#include <numeric>
-#include <random>
 #include <vector>
 
 #include "bench/support/program.h"
@@ -16,7 +11,8 @@ namespace {
 
 constexpr size_t kDevicesOfAServer = 50;
 constexpr size_t kLongestRecord = 256;
-constexpr uint32_t kNoDevice = 65'521;  // a prime: multiples of a step below it are all different
+constexpr uint32_t kPrime =
+    65'521;  // multiples of a smaller number, taken modulo it, are all different
 
 constexpr const char* kNames[] = {
     "Optical Mouse",
@@ -30,7 +26,17 @@ constexpr const char* kNames[] = {
 };
 constexpr const char* kStates[] = {"plugged", "unplugged"};
 
-using Random = std::minstd_rand;
+// Numbers that look random, and always the same ones.
+class Random {
+public:
+    uint32_t operator()() {
+        state = state * 1'664'525 + 1'013'904'223;
+        return state >> 8;
+    }
+
+private:
+    uint32_t state = 1;
+};
 
 template <size_t size>
 const char* any(const char* const (&words)[size], Random& random) {
@@ -64,7 +70,7 @@ std::string serverHead(uint32_t id) {
 
 // The n-th of a row without order in which nothing comes twice.
 uint32_t scattered(size_t n) {
-    return static_cast<uint32_t>((n + 1) * 40'503 % kNoDevice + (n + 1) / kNoDevice * kNoDevice);
+    return static_cast<uint32_t>((n + 1) * 40'503 % kPrime + (n + 1) / kPrime * kPrime);
 }
 
 }  // namespace
@@ -72,7 +78,7 @@ uint32_t scattered(size_t n) {
 ListReply makeListReply(size_t payloadSize) {
     constexpr const char* kPadding = R"(],"padding":")";
     constexpr size_t kTail = 32;
-    Random random(1);
+    Random random;
     ListReply reply;
     std::string payload = R"({"status":"ok","servers":[)";
     const auto isRoom = [&] { return payload.size() + 2 * kLongestRecord + kTail < payloadSize; };

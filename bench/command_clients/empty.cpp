@@ -1,0 +1,3 @@
+// What a program costs that does nothing.
+
+int main() {}
