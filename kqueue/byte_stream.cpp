@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -89,13 +90,15 @@ void ByteStream::receive(int fd, int64_t count) {
     const size_t size = atLeastZero(count);
     char* space = nullptr;
     try {
-        space = rx.appendZeros(size);
+        space = rx.appendSpace(size);
     } catch (const std::exception&) {
         logger->error("<%p>: cannot receive bytes", static_cast<void*>(&source));
         callEvent(HXKQueueEventTerminated);
         return;
     }
-    if (::read(fd, space, size) > 0) {
+    const ssize_t received = ::read(fd, space, size);
+    if (received > 0) {
+        std::memset(space + received, 0, size - static_cast<size_t>(received));
         callEvent(HXKQueueEventData);
     } else {
         rx.removeBack(size);

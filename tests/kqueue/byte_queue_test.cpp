@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <new>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -12,6 +14,16 @@ using hxkqueue::ByteQueue;
 
 std::string contentOf(const ByteQueue& queue) {
     return {queue.data(), queue.size()};
+}
+
+constexpr uint64_t kMoreThanThereIs = uint64_t{1} << 60;
+
+// So many bytes, in which no place looks like the one before.
+std::string numbered(size_t size) {
+    std::string bytes(size, '\0');
+    for (size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<char>(i * 2'654'435'761 >> 24);
+    return bytes;
 }
 
 TEST(ByteQueue, HoldsWhatWasAppendedLessWhatWasTakenFromEitherEnd) {
@@ -37,15 +49,16 @@ TEST(ByteQueue, RemovingMoreThanThereIsRemovesAll) {
     EXPECT_EQ(contentOf(queue), "x");
 }
 
-TEST(ByteQueue, AppendedZerosAreZerosWhateverWasThereBefore) {
+TEST(ByteQueue, AppendedSpaceIsFilledByTheCaller) {
     ByteQueue queue;
     queue.append("abcdef", 6);
     queue.removeFront(4);
     queue.removeBack(1);
-    char* space = queue.appendZeros(3);
-    EXPECT_EQ(contentOf(queue), std::string("e\0\0\0", 4));
-    *space = 'x';
-    EXPECT_EQ(contentOf(queue), std::string("ex\0\0", 4));
+    char* space = queue.appendSpace(3);
+    std::copy_n("xyz", 3, space);
+    EXPECT_EQ(contentOf(queue), "exyz");
+    queue.appendSpace(0);
+    EXPECT_EQ(contentOf(queue), "exyz");
 }
 
 TEST(ByteQueue, FailsToGrowBeyondTheMemoryWithoutAChange) {
@@ -54,7 +67,32 @@ TEST(ByteQueue, FailsToGrowBeyondTheMemoryWithoutAChange) {
     // Volatile, so that the compiler does not see that no array is so long.
     for (const volatile uint64_t count : {UINT64_MAX, uint64_t{1} << 63})
         EXPECT_THROW(queue.append("x", count), std::length_error);
+    EXPECT_THROW(queue.appendSpace(kMoreThanThereIs), std::bad_alloc);
     EXPECT_EQ(contentOf(queue), "abc");
+}
+
+TEST(ByteQueue, FailsToGrowFromMegabytesWithoutAChange) {
+    ByteQueue queue;
+    const std::string megabytes = numbered(5'000'000);
+    queue.append(megabytes.data(), megabytes.size());
+    queue.removeFront(3);
+    EXPECT_THROW(queue.appendSpace(kMoreThanThereIs), std::bad_alloc);
+    EXPECT_EQ(queue.size(), megabytes.size() - 3);
+    EXPECT_TRUE(contentOf(queue) == megabytes.substr(3));
+}
+
+// As a list reply comes: many reads, and nothing consumed until the last.
+TEST(ByteQueue, HoldsMegabytesThatComeInPieces) {
+    ByteQueue queue;
+    const std::string megabytes = numbered(9'000'000);
+    for (size_t from = 0, size = 1; from < megabytes.size();
+         from += size, size = size * 2 % 262'147)
+        queue.append(megabytes.data() + from, std::min(size, megabytes.size() - from));
+    EXPECT_TRUE(contentOf(queue) == megabytes);
+    queue.removeFront(8'999'999);
+    EXPECT_EQ(contentOf(queue), megabytes.substr(8'999'999));
+    queue.append("x", 1);
+    EXPECT_EQ(contentOf(queue), megabytes.substr(8'999'999) + "x");
 }
 
 uintptr_t placeOf(const ByteQueue& queue) {
