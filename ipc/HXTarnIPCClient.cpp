@@ -1,6 +1,5 @@
 #include "ipc/HXTarnIPCClient.h"
 
-#include <boost/json/monotonic_resource.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
 #include <cstdio>
@@ -11,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "ipc/arena.h"
 #include "ipc/frame.h"
 #include "ipc/json.h"
 #include "ipc/request.h"
@@ -20,7 +20,7 @@
 namespace {
 
 bool isJson(std::string_view text) noexcept {
-    boost::json::monotonic_resource arena;
+    Arena arena;
     return readJson(text, &arena).has_value();
 }
 
@@ -222,7 +222,7 @@ bool HXTarnIPCClient::handleEvent(const std::shared_ptr<HXKQueueEventProtocol>& 
 
 // All that the payload is parsed into lives in the arena, and goes with it before the next frame.
 bool HXTarnIPCClient::deliverFrame(int32_t command, std::string_view payload) const {
-    boost::json::monotonic_resource arena;
+    Arena arena;
     const std::optional<boost::json::value> reply = readJson(payload, &arena);
     if (!reply) {
         std::fputs("cannot parse protocol", stderr);
