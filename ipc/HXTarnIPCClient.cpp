@@ -1,5 +1,6 @@
 #include "ipc/HXTarnIPCClient.h"
 
+#include <algorithm>
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include "ipc/arena.h"
 #include "ipc/frame.h"
 #include "ipc/json.h"
+#include "ipc/json_reader.h"
 #include "ipc/request.h"
 #include "kqueue/HXKQueue.h"
 #include "kqueue/HXKQueueUnixClient.h"
@@ -49,7 +51,31 @@ bool replace(std::mutex& lock, std::shared_ptr<const Callback>& place, Callback 
     return true;
 }
 
+// A frame's payload is read while it arrives if it takes many reads to arrive.
+constexpr uint64_t kReadAheadFrom = 65536;
+
 }  // namespace
+
+// What has been read of a frame, and the memory it lives in.
+struct HXTarnIPCClient::FrameReading {
+    explicit FrameReading(const FrameHeader& header_) noexcept : header(header_) {}
+
+    // Whether payload is the beginning, or all, of the frame of which a part has been read.
+    [[nodiscard]] bool isOf(const FrameHeader& other, std::string_view payload) const noexcept {
+        return header.command == other.command && header.length == other.length &&
+               taken <= payload.size();
+    }
+
+    void readOn(std::string_view payload) noexcept {
+        reader.add(payload.substr(taken));
+        taken = payload.size();
+    }
+
+    const FrameHeader header;
+    size_t taken = 0;  // of the payload
+    Arena arena;
+    JsonReader reader{&arena};
+};
 
 std::shared_ptr<HXTarnIPCClient> HXTarnIPCClient::initWithKQueue(
     const std::shared_ptr<HXKQueue>& loop, const char* path) {
@@ -187,9 +213,13 @@ bool HXTarnIPCClient::parseProtocolBuffer(const char* bytes, uint64_t size, uint
             std::fputs("invalid protocol\n", stderr);
             return false;
         }
-        if (size - used - kFrameHeaderSize < header.length) break;
-        const std::string_view payload(bytes + used + kFrameHeaderSize, header.length);
-        if (!deliverFrame(header.command, payload)) return false;
+        const uint64_t there = std::min<uint64_t>(size - used - kFrameHeaderSize, header.length);
+        const std::string_view payload(bytes + used + kFrameHeaderSize, there);
+        if (there < header.length) {
+            readAhead(header, payload);
+            break;
+        }
+        if (!deliverFrame(header, payload)) return false;
         used += kFrameHeaderSize + header.length;
     }
     *dropSize = used;
@@ -220,10 +250,22 @@ bool HXTarnIPCClient::handleEvent(const std::shared_ptr<HXKQueueEventProtocol>& 
     return true;
 }
 
+// Without memory to keep what is read, the frame is read when it is complete. So is one with a
+// mistake, as far as anybody can tell.
+void HXTarnIPCClient::readAhead(const FrameHeader& header, std::string_view payload) noexcept {
+    if (payload.size() < kReadAheadFrom) return;
+    if (!reading || !reading->isOf(header, payload))
+        reading.reset(new (std::nothrow) FrameReading(header));
+    if (reading) reading->readOn(payload);
+}
+
 // All that the payload is parsed into lives in the arena, and goes with it before the next frame.
-bool HXTarnIPCClient::deliverFrame(int32_t command, std::string_view payload) const {
-    Arena arena;
-    const std::optional<boost::json::value> reply = readJson(payload, &arena);
+bool HXTarnIPCClient::deliverFrame(const FrameHeader& header, std::string_view payload) {
+    std::unique_ptr<FrameReading> frame = std::move(reading);
+    if (!frame || !frame->isOf(header, payload))
+        frame.reset(new (std::nothrow) FrameReading(header));
+    if (frame) frame->readOn(payload);
+    const std::optional<boost::json::value> reply = frame ? frame->reader.finish() : std::nullopt;
     if (!reply) {
         std::fputs("cannot parse protocol", stderr);
         return false;
@@ -232,7 +274,7 @@ bool HXTarnIPCClient::deliverFrame(int32_t command, std::string_view payload) co
         std::fputs("cannot parse JSON, got wrong top-level object", stderr);
         return false;
     }
-    if (const auto callback = onData()) (*callback)(command, reply->get_object());
+    if (const auto callback = onData()) (*callback)(header.command, reply->get_object());
     return true;
 }
 

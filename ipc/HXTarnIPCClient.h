@@ -30,6 +30,7 @@
 #include "kqueue/HXKQueueEvent.h"
 
 class HXKQueue;
+struct FrameHeader;
 
 inline constexpr const char* kDaemonSocketPath = "/var/run/hxusbvctl.sock";
 
@@ -91,7 +92,8 @@ public:
 
     // Hands each complete frame at the front of the bytes to the data callback, in order. On true
     // dropSize is what those frames take up; what follows them is the beginning of another frame.
-    // False for bytes that are no frames, told in words; dropSize is then untouched.
+    // False for bytes that are no frames, told in words; dropSize is then untouched. What it has
+    // left of a frame comes again in front of the bytes of the next call, and is not read again.
     [[nodiscard]] bool parseProtocolBuffer(const char* bytes, uint64_t size, uint64_t* dropSize);
 
     // What start makes the socket report to; an HXKQueueEventBlock, whose codes it turns into the
@@ -100,10 +102,15 @@ public:
                      uint64_t size, uint64_t* dropSize, int32_t code);
 
 private:
-    [[nodiscard]] bool deliverFrame(int32_t command, std::string_view payload) const;
+    struct FrameReading;
+
+    void readAhead(const FrameHeader& header, std::string_view payload) noexcept;
+    [[nodiscard]] bool deliverFrame(const FrameHeader& header, std::string_view payload);
     [[nodiscard]] std::shared_ptr<HXKQueueEventProtocol> currentSocket() const noexcept;
 
     std::weak_ptr<HXKQueue> kq;  // not written after initWithKQueue
+
+    std::unique_ptr<FrameReading> reading;  // I/O thread only; null unless a large frame arrives
 
     mutable std::mutex lock;
     std::shared_ptr<HXKQueueEventProtocol> unix;      // guarded by lock

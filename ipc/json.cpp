@@ -2,22 +2,13 @@
 
 #include <boost/json/src.hpp>
 
-#include <exception>
 #include <utility>
+
+#include "ipc/json_reader.h"
 
 namespace {
 
 namespace json = boost::json;
-
-json::value parse(std::string_view text, json::storage_ptr storage,
-                  boost::system::error_code& error) {
-    json::parse_options options;
-    options.max_depth = kMaxJsonDepth;
-    json::parser parser({}, options);
-    parser.reset(std::move(storage));
-    parser.write(text.data(), text.size(), error);
-    return error ? json::value() : parser.release();
-}
 
 // A double outside the range of the integer type that it is cast to is undefined behaviour.
 uint64_t integerPart(double number) noexcept {
@@ -44,14 +35,9 @@ uint64_t lowOrderBits(const json::value& value) noexcept {
 }  // namespace
 
 std::optional<json::value> readJson(std::string_view text, json::storage_ptr storage) noexcept {
-    try {
-        boost::system::error_code error;
-        json::value value = parse(text, std::move(storage), error);
-        if (error || !value.is_structured()) return std::nullopt;
-        return value;
-    } catch (const std::exception&) {  // bad_alloc, or length_error for a container too large
-        return std::nullopt;
-    }
+    JsonReader reader(std::move(storage));
+    reader.add(text);
+    return reader.finish();
 }
 
 const json::string* stringMember(const json::object& object, std::string_view key) noexcept {
@@ -84,6 +70,6 @@ uint16_t toUnsigned16(const json::value& value) noexcept {
 // The writer passes every byte from 0x80 on through, and the reader checks them.
 bool isUtf8(std::string_view text) {
     boost::system::error_code error;
-    parse(json::serialize(json::string_view(text.data(), text.size())), {}, error);
+    json::parse(json::serialize(json::string_view(text.data(), text.size())), error);
     return !error;
 }

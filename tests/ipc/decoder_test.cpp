@@ -175,4 +175,74 @@ TEST_F(DecoderTest, ACallbackThatIsReplacedMidwayTakesTheNextFrame) {
     EXPECT_EQ(log.lines(), (Lines{"first 5", "second 6", "second 7"}));
 }
 
+// A frame that comes in many pieces, each of which the socket shows behind what is there already.
+class LargeFrameTest : public DecoderTest {
+protected:
+    // Shows ever more of the bytes, and then all. Whether all but the last time were waited
+    // through.
+    bool isWaitedFor(const std::string& bytes) {
+        for (size_t size = 1; size < bytes.size(); size += 50'021) {
+            dropSize = kUntouched;
+            if (!decode(bytes.substr(0, size)) || dropSize != 0) return false;
+        }
+        dropSize = kUntouched;
+        return log.lines().empty() && err.take().empty();
+    }
+
+    // A reply of so many bytes, and what the log makes of it.
+    static std::string reply(char mark) {
+        return "{\"text\":\"" + std::string(300'000, mark) + "\"}";
+    }
+};
+
+TEST_F(LargeFrameTest, IsDeliveredOnceWithItsLastByte) {
+    const std::string bytes = frame(5, reply('a'));
+    ASSERT_TRUE(isWaitedFor(bytes));
+    EXPECT_TRUE(decode(bytes));
+    EXPECT_EQ(dropSize, bytes.size());
+    EXPECT_EQ(log.lines(), Lines{"data 5 " + reply('a')});
+}
+
+TEST_F(LargeFrameTest, IsRefusedWithItsLastByteAndNotBefore) {
+    for (const std::string& payload :
+         {"[x" + reply('a'), reply('a') + "x", std::string(300'000, '['), reply('\xff')}) {
+        const std::string bytes = frame(5, payload);
+        ASSERT_TRUE(isWaitedFor(bytes));
+        EXPECT_FALSE(decode(bytes));
+        EXPECT_EQ(dropSize, kUntouched);
+        EXPECT_EQ(err.take(), "cannot parse protocol");
+    }
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST_F(LargeFrameTest, FollowsAnotherInTheSameBytes) {
+    const std::string first = frame(1, reply('a'));
+    const std::string second = frame(2, reply('b'));
+    ASSERT_TRUE(isWaitedFor(first));
+    EXPECT_TRUE(decode(first + second.substr(0, 200'000)));
+    EXPECT_EQ(dropSize, first.size());
+    EXPECT_TRUE(decode(second));
+    EXPECT_EQ(dropSize, second.size());
+    EXPECT_EQ(log.lines(), (Lines{"data 1 " + reply('a'), "data 2 " + reply('b')}));
+}
+
+TEST_F(LargeFrameTest, IsReadAfreshBehindOneThatWasRefused) {
+    const std::string refused = frame(1, "x" + reply('a'));
+    ASSERT_TRUE(isWaitedFor(refused));
+    EXPECT_FALSE(decode(refused));
+    static_cast<void>(err.take());
+    const std::string bytes = frame(1, reply('b') + " ");
+    ASSERT_EQ(bytes.size(), refused.size());
+    ASSERT_TRUE(isWaitedFor(bytes));
+    EXPECT_TRUE(decode(bytes));
+    EXPECT_EQ(log.lines(), Lines{"data 1 " + reply('b')});
+}
+
+// Another connection's frame, or one behind a frame that nobody has dropped.
+TEST_F(LargeFrameTest, WithAnotherHeaderIsAnotherFrame) {
+    ASSERT_TRUE(isWaitedFor(frame(1, reply('a'))));
+    EXPECT_TRUE(decode(frame(2, reply('b'))));
+    EXPECT_EQ(log.lines(), Lines{"data 2 " + reply('b')});
+}
+
 }  // namespace

@@ -116,6 +116,23 @@ TEST_F(OutOfMemoryClient, AFrameThatCannotBeDecodedCannotBeParsed) {
     }
 }
 
+// What cannot be read while it arrives is read when it is there.
+TEST_F(OutOfMemoryClient, AFrameThatArrivesWithoutMemoryToReadItIsReadLater) {
+    size_t delivered = 0;
+    ASSERT_TRUE(client->setOnData([&](int32_t, const boost::json::object&) { ++delivered; }));
+    const std::string bytes = frame(0, "{\"text\":\"" + std::string(200'000, 'x') + "\"}");
+    uint64_t dropSize = 77;
+    FailingAllocations failing(1);
+    EXPECT_TRUE(client->parseProtocolBuffer(bytes.data(), 100'000, &dropSize));
+    failing.end();
+    EXPECT_TRUE(failing.happened());
+    EXPECT_EQ(dropSize, 0U);
+    EXPECT_TRUE(client->parseProtocolBuffer(bytes.data(), bytes.size(), &dropSize));
+    EXPECT_EQ(delivered, 1U);
+    EXPECT_EQ(dropSize, bytes.size());
+    EXPECT_EQ(err.take(), "");
+}
+
 TEST_F(OutOfMemoryClient, ThereIsNone) {
     for (uint64_t nth = 1;; ++nth) {
         FailingAllocations failing(nth, Extent::FromThereOn);

@@ -1,0 +1,88 @@
+#include "ipc/json_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/json/serialize.hpp>
+#include <string>
+
+#include "ipc/json.h"
+#include "tests/support/failing_allocations.h"
+
+namespace {
+
+constexpr std::string_view kText =
+    "{\"status\":\"ok\",\"n\":[1,-2,3.25,1e3,18446744073709551616,true,null],"
+    "\"s\":\"a\\n\\u00e9\\ud83d\\ude00 \303\251\"}";
+
+std::string written(const std::optional<boost::json::value>& value) {
+    return value ? boost::json::serialize(*value) : "none";
+}
+
+std::string readWhole(std::string_view text) {
+    return written(readJson(text, {}));
+}
+
+std::string readInTwo(std::string_view text, size_t first) {
+    JsonReader reader({});
+    reader.add(text.substr(0, first));
+    reader.add(text.substr(first));
+    return written(reader.finish());
+}
+
+TEST(JsonReader, ReadsATextThatIsCutAnywhereAsItReadsItWhole) {
+    ASSERT_NE(readWhole(kText), "none");
+    for (size_t first = 0; first <= kText.size(); ++first)
+        EXPECT_EQ(readInTwo(kText, first), readWhole(kText)) << first;
+}
+
+TEST(JsonReader, ReadsATextThatComesByteByByte) {
+    JsonReader reader({});
+    for (const char byte : kText)
+        reader.add({&byte, 1});
+    EXPECT_EQ(written(reader.finish()), readWhole(kText));
+}
+
+TEST(JsonReader, RefusesWhereverItIsCutWhatIsRefusedWhole) {
+    for (const std::string_view text : {"", " ", "1", "\"a\"", "{", "[1,]", "[1] x", "[1][2]",
+                                        "[\"\303\"]", "[\"\\ud83d\"]", "nul", "[01]"}) {
+        EXPECT_EQ(readWhole(text), "none") << text;
+        for (size_t first = 0; first <= text.size(); ++first)
+            EXPECT_EQ(readInTwo(text, first), "none") << text << " " << first;
+    }
+}
+
+TEST(JsonReader, RefusesATextThatHasBecomeWrongWhateverFollows) {
+    JsonReader reader({});
+    reader.add("[x");
+    reader.add("[1]");
+    EXPECT_EQ(written(reader.finish()), "none");
+}
+
+TEST(JsonReader, NestingIsCountedAcrossThePieces) {
+    for (const size_t depth : {kMaxJsonDepth, kMaxJsonDepth + 1}) {
+        JsonReader reader({});
+        for (size_t i = 0; i < depth; ++i)
+            reader.add("[");
+        for (size_t i = 0; i < depth; ++i)
+            reader.add("]");
+        EXPECT_EQ(reader.finish().has_value(), depth == kMaxJsonDepth);
+    }
+}
+
+TEST(JsonReader, WithoutMemoryATextCannotBeRead) {
+    for (uint64_t nth = 1;; ++nth) {
+        FailingAllocations failing(nth);
+        JsonReader reader({});
+        reader.add(kText.substr(0, 40));
+        reader.add(kText.substr(40));
+        const auto value = reader.finish();
+        failing.end();
+        EXPECT_EQ(value.has_value(), !failing.happened()) << nth;
+        if (!failing.happened()) {
+            EXPECT_GT(nth, 3U);
+            return;
+        }
+    }
+}
+
+}  // namespace
