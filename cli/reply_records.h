@@ -28,12 +28,12 @@ struct ServerRecord {
     const boost::json::array* devices;
 };
 
-[[nodiscard]] bool readDevice(const boost::json::value& value, DeviceRecord& out) noexcept;
+[[nodiscard]] bool readDevice(const boost::json::value& from, DeviceRecord& out) noexcept;
 
-[[nodiscard]] bool readServer(const boost::json::value& value, ServerRecord& out) noexcept;
+[[nodiscard]] bool readServer(const boost::json::value& from, ServerRecord& out) noexcept;
 
 // The id and the devices alone; the other members may be anything.
-[[nodiscard]] bool readServerDevices(const boost::json::value& value, ServerRecord& out) noexcept;
+[[nodiscard]] bool readServerDevices(const boost::json::value& from, ServerRecord& out) noexcept;
 
-// What stands between the state or port and the serial number: nothing if there is none.
-[[nodiscard]] std::string_view serialSeparator(const DeviceRecord& device) noexcept;
+// Whether there is a serial number to show.
+[[nodiscard]] bool hasSerial(const DeviceRecord& device) noexcept;

@@ -1,7 +1,6 @@
 #include "cli/report_writer.h"
 
 #include <charconv>
-#include <cstring>
 #include <iterator>
 
 ReportWriter& ReportWriter::text(std::string_view bytes) noexcept {
@@ -29,12 +28,10 @@ void ReportWriter::flush() noexcept {
     used = 0;
 }
 
-void ReportWriter::append(const char* bytes, size_t size) noexcept {
-    if (size > buffer.size() - used) flush();
-    if (size > buffer.size()) {
+void ReportWriter::appendBeyond(const char* bytes, size_t size) noexcept {
+    flush();
+    if (size > buffer.size())
         std::fwrite(bytes, 1, size, stream);
-        return;
-    }
-    std::memcpy(buffer.data() + used, bytes, size);
-    used += size;
+    else
+        append(bytes, size);
 }

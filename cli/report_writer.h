@@ -6,8 +6,10 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string_view>
 
 class ReportWriter {
@@ -21,6 +23,13 @@ public:
     // As "%s": byte for byte, up to the first NUL if there is one.
     ReportWriter& text(std::string_view bytes) noexcept;
 
+    // What a report consists of besides: a text of the program's own, without a NUL.
+    template <size_t size>
+    ReportWriter& literal(const char (&bytes)[size]) noexcept {
+        append(bytes, size - 1);
+        return *this;
+    }
+
     // As "%u".
     ReportWriter& decimal(uint32_t number) noexcept;
 
@@ -31,9 +40,18 @@ public:
     void flush() noexcept;
 
 private:
-    void append(const char* bytes, size_t size) noexcept;
+    void append(const char* bytes, size_t size) noexcept {
+        if (size <= buffer.size() - used) {
+            std::memcpy(buffer.data() + used, bytes, size);
+            used += size;
+        } else {
+            appendBeyond(bytes, size);
+        }
+    }
+
+    void appendBeyond(const char* bytes, size_t size) noexcept;
 
     std::FILE* stream;
     size_t used = 0;
-    std::array<char, 16384> buffer;
+    std::array<char, 65536> buffer;  // as much as a pipe holds
 };

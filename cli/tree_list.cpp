@@ -1,60 +1,55 @@
 #include "cli/tree_list.h"
 
-#include <algorithm>
 #include <boost/json/array.hpp>
-#include <boost/json/value.hpp>
 #include <cstdio>
 #include <exception>
-#include <vector>
 
 #include "cli/reply_records.h"
 #include "cli/report_writer.h"
+#include "cli/sorted_records.h"
 
 namespace {
 
-// Replaces out by the records that can be read, by ascending id. Without the memory that it would
-// like to have, stable_sort sorts in place. False when there is none for the records either.
+// Takes the place of what out held. False when memory is short.
 template <typename Record>
-bool readSorted(const boost::json::array& elements,
-                bool (*read)(const boost::json::value&, Record&), std::vector<Record>& out) {
+bool readSorted(const boost::json::array& elements, typename SortedRecords<Record>::Read read,
+                SortedRecords<Record>& out) {
     out.clear();
     try {
-        for (const boost::json::value& element : elements) {
-            Record record;
-            if (read(element, record)) out.push_back(record);
-        }
+        out.add(elements, read);
     } catch (const std::exception&) {
         return false;
     }
-    std::stable_sort(out.begin(), out.end(),
-                     [](const Record& a, const Record& b) { return a.id < b.id; });
+    out.sort();
     return true;
 }
 
-void printServer(ReportWriter& report, const ServerRecord& server) {
-    report.decimal(server.id).text(" - ").text(server.host).text(":").decimal(server.port);
-    report.text(" - ").text(server.state).text("\n");
+void print(const ServerRecord& server, ReportWriter& report) {
+    report.decimal(server.id).literal(" - ").text(server.host).literal(":").decimal(server.port);
+    report.literal(" - ").text(server.state).literal("\n");
 }
 
-void printDevice(ReportWriter& report, const DeviceRecord& device) {
-    report.text(" ").decimal(device.id);
-    report.text("\t").hex(device.vid).text(":").hex(device.pid).text(":").hex(device.rev);
-    report.text("\t").text(device.port).text("\t").text(device.name);
-    report.text(" /").text(device.state);
-    report.text(serialSeparator(device)).text(device.serial).text("/\n");
+void print(const DeviceRecord& device, ReportWriter& report) {
+    report.literal(" ").decimal(device.id);
+    report.literal("\t").hex(device.vid).literal(":").hex(device.pid);
+    report.literal(":").hex(device.rev);
+    report.literal("\t").text(device.port).literal("\t").text(device.name);
+    report.literal(" /").text(device.state);
+    if (hasSerial(device)) report.literal(", ").text(device.serial);
+    report.literal("/\n");
 }
 
 }  // namespace
 
 void output_tree_list(const boost::json::array& servers, bool serversOnly) noexcept {
-    std::vector<ServerRecord> sorted;
+    SortedRecords<ServerRecord> sorted;
     if (!readSorted(servers, readServer, sorted)) return;
     ReportWriter report(stdout);
-    std::vector<DeviceRecord> devices;  // one server's at a time
-    for (const ServerRecord& server : sorted) {
-        printServer(report, server);
-        if (serversOnly || !readSorted(*server.devices, readDevice, devices)) continue;
-        for (const DeviceRecord& device : devices)
-            printDevice(report, device);
+    SortedRecords<DeviceRecord> devices;  // one server's at a time
+    for (size_t i = 0; i < sorted.size(); ++i) {
+        print(sorted[i], report);
+        if (serversOnly || !readSorted(*sorted[i].devices, readDevice, devices)) continue;
+        for (size_t k = 0; k < devices.size(); ++k)
+            print(devices[k], report);
     }
 }

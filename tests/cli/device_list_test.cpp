@@ -182,4 +182,31 @@ TEST(DeviceList, SortsAndFiltersTogether) {
     EXPECT_EQ(brief(deviceList(servers, true, true, true)), "1:3 a\n1:1 b\n");
 }
 
+TEST(DeviceList, DevicesOfServersWithEqualIdsAreSortedTogether) {
+    const std::string servers =
+        array({server({named("5", "a"), named("2", "b")}), server({named("1", "c")}, {{"id", "2"}}),
+               server({named("2", "d"), named("1", "e")})});
+    EXPECT_EQ(brief(deviceList(servers)), "1:1 e\n1:2 b\n1:2 d\n1:5 a\n2:1 c\n");
+    EXPECT_EQ(brief(deviceList(servers, false, true, true)), brief(deviceList(servers)));
+}
+
+TEST(DeviceList, NamesThatBeginAlikeAreComparedToTheirEnd) {
+    const std::string servers = array({server(
+        {named("1", "Keyboard 10"), named("2", "Keyboard"), named("3", "Keyboard 2"),
+         named("4", "Keyboar"), named("5", "Keyboar\\u0000"), named("6", "Keyboar\\u0000x")})});
+    EXPECT_EQ(brief(deviceList(servers, true, true)),
+              "1:4 Keyboar\n1:5 Keyboar\n1:6 Keyboar\n1:2 Keyboard\n1:1 Keyboard 10\n"
+              "1:3 Keyboard 2\n");
+    EXPECT_EQ(brief(deviceList(servers, true, false)),
+              "1:3 Keyboard 2\n1:1 Keyboard 10\n1:2 Keyboard\n1:6 Keyboar\n1:5 Keyboar\n"
+              "1:4 Keyboar\n");
+}
+
+TEST(DeviceList, TheOrderOfTheMembersPlaysNoPart) {
+    const std::string servers =
+        R"([{"devices":[{"state":"plugged","x":1,"serial":"A1","port":"1-4","rev":25602,)"
+        R"("name":"Keyboard","pid":49948,"vid":1133,"id":3}],"id":1}])";
+    EXPECT_EQ(deviceList(servers), kLine);
+}
+
 }  // namespace

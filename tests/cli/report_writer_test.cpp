@@ -39,8 +39,13 @@ TEST(ReportWriter, TextEndsAtItsFirstNul) {
         "ac");
 }
 
+TEST(ReportWriter, LiteralsAreWrittenWithoutTheirEnd) {
+    EXPECT_EQ(written([](ReportWriter& report) { report.literal("ab").literal("").literal("c"); }),
+              "abc");
+}
+
 TEST(ReportWriter, EverySizeAroundTheBufferIsWrittenOnceAndInOrder) {
-    for (const size_t size : {16383U, 16384U, 16385U, 40000U}) {
+    for (const size_t size : {65534U, 65535U, 65536U, 65537U, 160000U}) {
         const std::string text(size, 'x');
         EXPECT_EQ(written([&](ReportWriter& report) {
                       report.text("a").text(text).decimal(7).text(text).text("z");

@@ -132,4 +132,13 @@ TEST(TreeList, EqualIdsKeepTheOrderOfTheReply) {
               "1 - b:33000 - connected\n1 - a:33000 - connected\n");
 }
 
+TEST(TreeList, TheOrderOfTheMembersPlaysNoPart) {
+    const std::string record =
+        R"({"state":"plugged","x":1,"serial":"A1","port":"1-4","rev":25602,"name":"Keyboard",)"
+        R"("pid":49948,"vid":1133,"id":3})";
+    EXPECT_EQ(treeList(R"([{"devices":[)" + record +
+                       R"(],"state":"connected","host":"box","x":{},"port":33000,"id":1}])"),
+              treeList(array({server({device()})})));
+}
+
 }  // namespace
