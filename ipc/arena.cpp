@@ -1,9 +1,12 @@
 #include "ipc/arena.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <new>
+#include <thread>
 
 #include "platform/large_memory.h"
 
@@ -11,6 +14,9 @@ namespace {
 
 // Of a reply that holds the state of a few servers, the first block takes all.
 constexpr size_t kFirstBlock = 4096;
+
+// A thread pays when it has many units to prepare.
+constexpr size_t kLeastForThread = size_t{8} << 20;
 
 constexpr size_t kLargestPiece = PTRDIFF_MAX / 4;
 
@@ -41,7 +47,56 @@ void giveBack(void* memory, size_t size) noexcept {
 
 }  // namespace
 
+// A thread that has the units of a block at hand before they are used: the system takes as long to
+// hand out memory as a third of what the reader takes to fill it. It keeps so little ahead that
+// hardly more memory is touched than is used.
+class Arena::Preparer {
+public:
+    // The first unit is left out. Throws std::system_error when there is no thread to be had.
+    Preparer(char* block_, size_t size)
+        : block(block_), units(size / kLargeMemoryUnit), thread([this] { run(); }) {}
+    Preparer(const Preparer&) = delete;
+    Preparer& operator=(const Preparer&) = delete;
+
+    ~Preparer() {
+        ended = true;
+        useNext();
+        thread.join();
+    }
+
+    // One more unit is in use.
+    void useNext() noexcept {
+        ++used;
+        used.notify_one();
+    }
+
+private:
+    static constexpr size_t kAhead = 8;
+
+    void run() noexcept {
+        for (size_t unit = 1; unit < units && waitUntilUsed(unit - std::min(unit, kAhead)); ++unit)
+            prepareLargeMemory(block + unit * kLargeMemoryUnit);
+        waitUntilUsed(units + 1);
+    }
+
+    // Until so many units behind the first are in use; false at the end.
+    bool waitUntilUsed(size_t count) noexcept {
+        for (size_t seen = used; seen < count && !ended; seen = used)
+            used.wait(seen);
+        return !ended;
+    }
+
+    char* const block;
+    const size_t units;
+    std::atomic<size_t> used = 0;
+    std::atomic<bool> ended = false;
+    std::thread thread;  // last, because it uses the others
+};
+
+Arena::Arena() noexcept = default;
+
 Arena::~Arena() {
+    preparer.reset();
     while (last) {
         Block* block = last;
         last = block->before;
@@ -66,7 +121,10 @@ void Arena::makeRoom(size_t size, size_t alignment) {
         addBlock(size + alignment);
         return;
     }
-    prepareLargeMemory(next + left);
+    if (preparer)
+        preparer->useNext();
+    else
+        prepareLargeMemory(next + left);
     left += kLargeMemoryUnit;
     unprepared -= kLargeMemoryUnit;
 }
@@ -82,5 +140,17 @@ void Arena::addBlock(size_t least) {
     next = reinterpret_cast<char*>(last + 1);
     left = ready - sizeof(Block);
     unprepared = size - ready;
-    if (ready == kLargeMemoryUnit) prepareLargeMemory(memory);
+    prepare(memory, size);
+}
+
+// Where there is no thread to be had the reader prepares its units itself.
+void Arena::prepare(void* block, size_t size) noexcept {
+    preparer.reset();
+    if (size < kLargeMemoryUnit || !prepareLargeMemory(block)) return;
+    if (size < kLeastForThread || std::thread::hardware_concurrency() < 2) return;
+    try {
+        preparer = std::make_unique<Preparer>(static_cast<char*>(block), size);
+    } catch (const std::exception&) {
+        return;
+    }
 }

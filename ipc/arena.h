@@ -7,16 +7,18 @@
 
 #include <boost/json/memory_resource.hpp>
 #include <cstddef>
+#include <memory>
 
 class Arena final : public boost::json::memory_resource {
 public:
-    Arena() noexcept = default;
+    Arena() noexcept;
     Arena(const Arena&) = delete;
     Arena& operator=(const Arena&) = delete;
     ~Arena() override;
 
 private:
     struct Block;
+    class Preparer;
 
     void* do_allocate(size_t size, size_t alignment) override;
     void do_deallocate(void* /*memory*/, size_t /*size*/, size_t /*alignment*/) override {}
@@ -27,7 +29,9 @@ private:
 
     void makeRoom(size_t size, size_t alignment);
     void addBlock(size_t least);
+    void prepare(void* block, size_t size) noexcept;
 
+    std::unique_ptr<Preparer> preparer;
     Block* last = nullptr;
     char* next = nullptr;   // what is free of the last block
     size_t left = 0;        // of that, what may be handed out
