@@ -58,12 +58,17 @@ constexpr uint64_t kReadAheadFrom = 65536;
 
 // What has been read of a frame, and the memory it lives in.
 struct HXTarnIPCClient::FrameReading {
-    explicit FrameReading(const FrameHeader& header_) noexcept : header(header_) {}
-
     // Whether payload is the beginning, or all, of the frame of which a part has been read.
     [[nodiscard]] bool isOf(const FrameHeader& other, std::string_view payload) const noexcept {
         return header.command == other.command && header.length == other.length &&
                taken <= payload.size();
+    }
+
+    void begin(const FrameHeader& next) noexcept {
+        header = next;
+        taken = 0;
+        arena.clear();
+        reader.begin(&arena);
     }
 
     void readOn(std::string_view payload) noexcept {
@@ -71,10 +76,16 @@ struct HXTarnIPCClient::FrameReading {
         taken = payload.size();
     }
 
-    const FrameHeader header;
-    size_t taken = 0;  // of the payload
+    // None if the payload cannot be read. What is read next is another frame.
+    [[nodiscard]] std::optional<boost::json::value> finish() noexcept {
+        header = {};
+        return reader.finish();
+    }
+
+    FrameHeader header = {};  // of no length while no frame has been begun
+    size_t taken = 0;         // of the payload
     Arena arena;
-    JsonReader reader{&arena};
+    JsonReader reader;
 };
 
 std::shared_ptr<HXTarnIPCClient> HXTarnIPCClient::initWithKQueue(
@@ -254,18 +265,26 @@ bool HXTarnIPCClient::handleEvent(const std::shared_ptr<HXKQueueEventProtocol>& 
 // mistake, as far as anybody can tell.
 void HXTarnIPCClient::readAhead(const FrameHeader& header, std::string_view payload) noexcept {
     if (payload.size() < kReadAheadFrom) return;
-    if (!reading || !reading->isOf(header, payload))
-        reading.reset(new (std::nothrow) FrameReading(header));
+    reading = readingOf(header, payload);
     if (reading) reading->readOn(payload);
 }
 
-// All that the payload is parsed into lives in the arena, and goes with it before the next frame.
-bool HXTarnIPCClient::deliverFrame(const FrameHeader& header, std::string_view payload) {
+// What goes on with this frame, or begins it. Null when memory is short.
+std::unique_ptr<HXTarnIPCClient::FrameReading> HXTarnIPCClient::readingOf(
+    const FrameHeader& header, std::string_view payload) noexcept {
     std::unique_ptr<FrameReading> frame = std::move(reading);
-    if (!frame || !frame->isOf(header, payload))
-        frame.reset(new (std::nothrow) FrameReading(header));
+    if (frame && frame->isOf(header, payload)) return frame;
+    if (!frame) frame.reset(new (std::nothrow) FrameReading);
+    if (frame) frame->begin(header);
+    return frame;
+}
+
+// All that the payload is parsed into lives in the arena, and goes with it before the next frame.
+// The memory of a small one is kept for that.
+bool HXTarnIPCClient::deliverFrame(const FrameHeader& header, std::string_view payload) {
+    std::unique_ptr<FrameReading> frame = readingOf(header, payload);
     if (frame) frame->readOn(payload);
-    const std::optional<boost::json::value> reply = frame ? frame->reader.finish() : std::nullopt;
+    const std::optional<boost::json::value> reply = frame ? frame->finish() : std::nullopt;
     if (!reply) {
         std::fputs("cannot parse protocol", stderr);
         return false;
@@ -275,6 +294,7 @@ bool HXTarnIPCClient::deliverFrame(const FrameHeader& header, std::string_view p
         return false;
     }
     if (const auto callback = onData()) (*callback)(header.command, reply->get_object());
+    if (header.length < kReadAheadFrom) reading = std::move(frame);
     return true;
 }
 

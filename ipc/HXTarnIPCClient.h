@@ -105,12 +105,14 @@ private:
     struct FrameReading;
 
     void readAhead(const FrameHeader& header, std::string_view payload) noexcept;
+    [[nodiscard]] std::unique_ptr<FrameReading> readingOf(const FrameHeader& header,
+                                                          std::string_view payload) noexcept;
     [[nodiscard]] bool deliverFrame(const FrameHeader& header, std::string_view payload);
     [[nodiscard]] std::shared_ptr<HXKQueueEventProtocol> currentSocket() const noexcept;
 
     std::weak_ptr<HXKQueue> kq;  // not written after initWithKQueue
 
-    std::unique_ptr<FrameReading> reading;  // I/O thread only; null unless a large frame arrives
+    std::unique_ptr<FrameReading> reading;  // I/O thread only
 
     mutable std::mutex lock;
     std::shared_ptr<HXKQueueEventProtocol> unix;      // guarded by lock

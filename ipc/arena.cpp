@@ -97,11 +97,19 @@ Arena::Arena() noexcept = default;
 
 Arena::~Arena() {
     preparer.reset();
-    while (last) {
-        Block* block = last;
-        last = block->before;
-        giveBack(block, block->size);
-    }
+    giveBackBlocks(nullptr);
+}
+
+void Arena::clear() noexcept {
+    preparer.reset();
+    Block* first = last;
+    while (first && first->before)
+        first = first->before;
+    const bool isSmall = first && first->size <= kFirstBlock;
+    giveBackBlocks(isSmall ? first : nullptr);
+    left = 0;
+    unprepared = 0;
+    if (isSmall) open(first);
 }
 
 void* Arena::do_allocate(size_t size, size_t alignment) {
@@ -135,12 +143,26 @@ void Arena::addBlock(size_t least) {
     while (size - sizeof(Block) < least)
         size *= 2;
     void* memory = take(size);
-    const size_t ready = std::min(size, kLargeMemoryUnit);
-    last = ::new (memory) Block{.before = last, .size = size};
-    next = reinterpret_cast<char*>(last + 1);
-    left = ready - sizeof(Block);
-    unprepared = size - ready;
+    open(::new (memory) Block{.before = last, .size = size});
     prepare(memory, size);
+}
+
+// All of it is free.
+void Arena::open(Block* block) noexcept {
+    const size_t ready = std::min(block->size, kLargeMemoryUnit);
+    last = block;
+    next = reinterpret_cast<char*>(block + 1);
+    left = ready - sizeof(Block);
+    unprepared = block->size - ready;
+}
+
+// Those that were added after end.
+void Arena::giveBackBlocks(const Block* end) noexcept {
+    while (last != end) {
+        Block* block = last;
+        last = block->before;
+        giveBack(block, block->size);
+    }
 }
 
 // Where there is no thread to be had the reader prepares its units itself.

@@ -16,6 +16,9 @@ public:
     Arena& operator=(const Arena&) = delete;
     ~Arena() override;
 
+    // Takes back all that it has handed out. A small reply's memory serves the next one.
+    void clear() noexcept;
+
 private:
     struct Block;
     class Preparer;
@@ -29,6 +32,8 @@ private:
 
     void makeRoom(size_t size, size_t alignment);
     void addBlock(size_t least);
+    void open(Block* block) noexcept;
+    void giveBackBlocks(const Block* end) noexcept;
     void prepare(void* block, size_t size) noexcept;
 
     std::unique_ptr<Preparer> preparer;

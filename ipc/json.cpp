@@ -35,7 +35,8 @@ uint64_t lowOrderBits(const json::value& value) noexcept {
 }  // namespace
 
 std::optional<json::value> readJson(std::string_view text, json::storage_ptr storage) noexcept {
-    JsonReader reader(std::move(storage));
+    JsonReader reader;
+    reader.begin(std::move(storage));
     reader.add(text);
     return reader.finish();
 }

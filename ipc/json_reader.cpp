@@ -15,8 +15,11 @@ boost::json::parse_options options() noexcept {
 
 }  // namespace
 
-JsonReader::JsonReader(boost::json::storage_ptr storage) noexcept : parser({}, options()) {
+JsonReader::JsonReader() noexcept : parser({}, options()) {}
+
+void JsonReader::begin(boost::json::storage_ptr storage) noexcept {
     parser.reset(std::move(storage));
+    failed = false;
 }
 
 void JsonReader::add(std::string_view piece) noexcept {

@@ -1,7 +1,8 @@
-// Reads one JSON text that comes in pieces, as readJson reads one that is there as a whole.
+// Reads one JSON text after the other, each of which may come in pieces, as readJson reads one that
+// is there as a whole. What one has needed to be read serves the next.
 //
 // Threads    one at a time.
-// Ownership  the value lives in storage, which outlives the reader.
+// Ownership  a value lives in storage, which outlives it and the reading of it.
 // Errors     what is wrong with a piece is told at the end.
 #pragma once
 
@@ -13,12 +14,15 @@
 
 class JsonReader {
 public:
-    explicit JsonReader(boost::json::storage_ptr storage) noexcept;
+    JsonReader() noexcept;
+
+    // Before the first piece of each text.
+    void begin(boost::json::storage_ptr storage) noexcept;
 
     // Takes the next piece; nothing once the text cannot be read any more.
     void add(std::string_view piece) noexcept;
 
-    // After the last piece, once. None if the text cannot be read.
+    // After the last piece. None if the text cannot be read.
     [[nodiscard]] std::optional<boost::json::value> finish() noexcept;
 
 private:

@@ -77,4 +77,20 @@ TEST(Arena, ThrowsWithoutMemoryAndGoesOnAfterwards) {
     EXPECT_NE(arena.allocate(1, 1), nullptr);
 }
 
+TEST(Arena, ClearedIsAsNewAndKeepsTheMemoryOfASmallReply) {
+    Arena arena;
+    char* first = static_cast<char*>(arena.allocate(1'000, 1));
+    for (int round = 0; round < 3; ++round) {
+        arena.clear();
+        const FailingAllocations failing(1);
+        EXPECT_EQ(arena.allocate(1'000, 1), first);
+    }
+    for (const size_t size : {size_t{50'000}, size_t{20'000'000}}) {
+        auto* place = static_cast<char*>(arena.allocate(size, 1));
+        std::memset(place, 'x', size);
+        arena.clear();
+        EXPECT_EQ(arena.allocate(1'000, 1), first);
+    }
+}
+
 }  // namespace

@@ -23,7 +23,8 @@ std::string readWhole(std::string_view text) {
 }
 
 std::string readInTwo(std::string_view text, size_t first) {
-    JsonReader reader({});
+    JsonReader reader;
+    reader.begin({});
     reader.add(text.substr(0, first));
     reader.add(text.substr(first));
     return written(reader.finish());
@@ -36,7 +37,8 @@ TEST(JsonReader, ReadsATextThatIsCutAnywhereAsItReadsItWhole) {
 }
 
 TEST(JsonReader, ReadsATextThatComesByteByByte) {
-    JsonReader reader({});
+    JsonReader reader;
+    reader.begin({});
     for (const char byte : kText)
         reader.add({&byte, 1});
     EXPECT_EQ(written(reader.finish()), readWhole(kText));
@@ -52,15 +54,29 @@ TEST(JsonReader, RefusesWhereverItIsCutWhatIsRefusedWhole) {
 }
 
 TEST(JsonReader, RefusesATextThatHasBecomeWrongWhateverFollows) {
-    JsonReader reader({});
+    JsonReader reader;
+    reader.begin({});
     reader.add("[x");
     reader.add("[1]");
     EXPECT_EQ(written(reader.finish()), "none");
 }
 
+TEST(JsonReader, ReadsTheNextTextWhateverBecameOfTheLast) {
+    JsonReader reader;
+    for (const std::string_view before : {"[1,", "[1]", "{]", "[1] 2", "\"a"}) {
+        reader.begin({});
+        reader.add(before);
+        reader.begin({});
+        reader.add("[tr");
+        reader.add("ue]");
+        EXPECT_EQ(written(reader.finish()), "[true]");
+    }
+}
+
 TEST(JsonReader, NestingIsCountedAcrossThePieces) {
     for (const size_t depth : {kMaxJsonDepth, kMaxJsonDepth + 1}) {
-        JsonReader reader({});
+        JsonReader reader;
+        reader.begin({});
         for (size_t i = 0; i < depth; ++i)
             reader.add("[");
         for (size_t i = 0; i < depth; ++i)
@@ -72,7 +88,8 @@ TEST(JsonReader, NestingIsCountedAcrossThePieces) {
 TEST(JsonReader, WithoutMemoryATextCannotBeRead) {
     for (uint64_t nth = 1;; ++nth) {
         FailingAllocations failing(nth);
-        JsonReader reader({});
+        JsonReader reader;
+        reader.begin({});
         reader.add(kText.substr(0, 40));
         reader.add(kText.substr(40));
         const auto value = reader.finish();

@@ -90,7 +90,16 @@ TEST_F(OutOfMemoryRequest, WithoutAFrameBufferNothingIsSent) {
     EXPECT_EQ(received(), "");
 }
 
-class OutOfMemoryClient : public ClientTest {};
+class OutOfMemoryClient : public ClientTest {
+protected:
+    // What the last frame was read into goes with one that cannot be read.
+    void forgetMemoryOfFrames() {
+        uint64_t dropSize = 0;
+        const std::string bytes = frame(0, "{");
+        ASSERT_FALSE(client->parseProtocolBuffer(bytes.data(), bytes.size(), &dropSize));
+        ASSERT_EQ(err.take(), "cannot parse protocol");
+    }
+};
 
 TEST_F(OutOfMemoryClient, AFrameThatCannotBeDecodedCannotBeParsed) {
     size_t delivered = 0;
@@ -100,6 +109,7 @@ TEST_F(OutOfMemoryClient, AFrameThatCannotBeDecodedCannotBeParsed) {
     for (const Extent extent : {Extent::OnlyThatOne, Extent::FromThereOn}) {
         uint64_t failures = 0;
         for (uint64_t nth = 1;; ++nth) {
+            forgetMemoryOfFrames();
             uint64_t dropSize = 77;
             delivered = 0;
             FailingAllocations failing(nth, extent);
