@@ -35,10 +35,11 @@ void HXKQueueBipipeClient::enableOnData(HXKQueueEventBlock block) {
     submitReadEvent(EV_ADD | EV_ENABLE);
 }
 
+// A record of another descriptor was meant for an earlier source at this address.
 void HXKQueueBipipeClient::kevent(const struct kevent* record) {
-    if (record->filter == EVFILT_WRITE)
+    if (record->filter == EVFILT_WRITE && hxkqueue::isAbout(*record, outfd))
         sendQueued(record);
-    else if (record->filter == EVFILT_READ)
+    else if (record->filter == EVFILT_READ && hxkqueue::isAbout(*record, infd))
         stream.receive(infd, record->data);
 }
 

@@ -40,7 +40,9 @@ void HXKQueueStreamSocket::enableOnData(HXKQueueEventBlock block) {
     submitReadEvent(EV_ADD | EV_ENABLE);
 }
 
+// A record of another descriptor was meant for an earlier source at this address.
 void HXKQueueStreamSocket::kevent(const struct kevent* record) {
+    if (!hxkqueue::isAbout(*record, sock)) return;
     if (record->filter == EVFILT_WRITE && !isConnected)
         finishConnecting(record);
     else if (record->filter == EVFILT_WRITE)

@@ -26,6 +26,11 @@ class HXKQueue;
 
 namespace hxkqueue {
 
+// Whether the record is one of the descriptor's.
+[[nodiscard]] inline bool isAbout(const struct kevent& record, int fd) noexcept {
+    return record.ident == static_cast<uint64_t>(fd);
+}
+
 class ByteStream {
 public:
     // What send does when there is nothing to write or no room: to write no bytes is a call that

@@ -68,8 +68,7 @@ int64_t tcpFreeBuffer(int fd) noexcept {
     return int64_t{memory[SK_MEMINFO_SNDBUF]} - int64_t{memory[SK_MEMINFO_WMEM_QUEUED]};
 }
 
-// The smallest send buffer that SO_SNDBUF makes (socket(7); asking for 1 byte, and for none, gives
-// this much on x86-64 and arm64).
+// The smallest send buffer that SO_SNDBUF makes: asking for 1 byte, and for none, gives this much.
 constexpr int64_t kLeastSendBuffer = 4608;
 
 int64_t tcpRoom(int fd) noexcept {
@@ -83,9 +82,7 @@ constexpr int64_t unixRoom(int64_t sendBuffer) noexcept {
     return sendBuffer / 2 - 64;
 }
 
-// A third of the smallest buffer is free. A limit of unsent bytes does not matter to so few: a
-// socket that polls writable has its next segment let in, and they fit into what is left of the
-// last one and that.
+// A third of the smallest buffer is free, and less than half of the unsent limit taken.
 constexpr int64_t kLeastTcpRoom = kLeastSendBuffer / 3 / kTcpChargePerByte;
 
 // What one read takes at most, whatever it is given room for (read(2)).
@@ -181,9 +178,10 @@ int64_t writableBytes(int fd, DescriptorKind kind) noexcept {
     return std::max<int64_t>(room(), 1);
 }
 
-std::optional<int64_t> leastWritableBytes(DescriptorKind kind) noexcept {
+std::optional<int64_t> leastWritableBytes(int fd, DescriptorKind kind) noexcept {
     if (kind == DescriptorKind::UnixSocket) return unixRoom(kLeastSendBuffer);
-    if (kind == DescriptorKind::TcpSocket) return kLeastTcpRoom;
+    if (kind == DescriptorKind::TcpSocket && unsentLimit(fd) / 2 >= kLeastTcpRoom)
+        return kLeastTcpRoom;
     return std::nullopt;
 }
 

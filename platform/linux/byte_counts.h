@@ -27,9 +27,12 @@ enum class DescriptorKind {
 
 [[nodiscard]] DescriptorKind kindOf(int fd, const struct stat& status) noexcept;
 
+[[nodiscard]] constexpr bool isStreamSocket(DescriptorKind kind) {
+    return kind == DescriptorKind::TcpSocket || kind == DescriptorKind::UnixSocket;
+}
+
 [[nodiscard]] constexpr bool isSocket(DescriptorKind kind) {
-    return kind == DescriptorKind::TcpSocket || kind == DescriptorKind::UnixSocket ||
-           kind == DescriptorKind::OtherSocket;
+    return isStreamSocket(kind) || kind == DescriptorKind::OtherSocket;
 }
 
 // epoll(7) refuses these with EPERM: they are ready whenever they have bytes or room.
@@ -56,9 +59,9 @@ enum class DescriptorKind {
 [[nodiscard]] int64_t writableBytes(int fd, DescriptorKind kind) noexcept;
 
 // A number of bytes that a blocking write(2) takes without blocking whenever the socket polls
-// writable, however small its buffer and whatever it has been told since; found without asking.
-// None for what is no stream socket of a known kind.
-[[nodiscard]] std::optional<int64_t> leastWritableBytes(DescriptorKind kind) noexcept;
+// writable, however small its buffer is then. None for what is no stream socket of a known kind,
+// and for a TCP socket that may have few bytes unsent (TCP_NOTSENT_LOWAT).
+[[nodiscard]] std::optional<int64_t> leastWritableBytes(int fd, DescriptorKind kind) noexcept;
 
 // The socket's pending error, which the kernel then forgets; 0 without one.
 [[nodiscard]] int takeSocketError(int fd) noexcept;

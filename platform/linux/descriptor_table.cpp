@@ -91,6 +91,7 @@ Descriptor& DescriptorTable::create(int fd, const struct stat& status) {
     made->kind = kindOf(fd, status);
     if (made->kind == DescriptorKind::OtherDevice && isAcceptedByEpoll(epollFd, fd))
         made->kind = DescriptorKind::OtherPollable;
+    made->leastRoom = leastWritableBytes(fd, made->kind).value_or(0);
     descriptors[index] = std::move(made);
     return *descriptors[index];
 }

@@ -49,7 +49,8 @@ struct Descriptor {
         false;                // a Unix socket's FIONREAD is wrong once a byte has come out of band
     uint64_t lastRecord = 0;  // the call that returned it
     int recordsOnTrust = 0;   // left until its identity is to be proved again
-    bool writesMuch = false;  // more at a time than the least room that every socket has
+    int64_t leastRoom = 0;    // of a write filter that is ready when it is added; 0: to be asked
+    bool writesMuch = false;  // more at a time than that
 
     Filter& filter(int16_t number) { return number == EVFILT_READ ? read : write; }
 };

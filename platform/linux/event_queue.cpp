@@ -397,11 +397,12 @@ bool EventQueue::deliverOne(const Ticket& ticket, struct kevent& record) noexcep
            filter->udata);
     bool isReady = fillOnTrust(*descriptor, ticket, record);
     if (!isReady) {
+        const bool isClosed = (filter->seen & POLLNVAL) != 0;
         descriptor = table.findUnchanged(ticket.fd);
-        if (!descriptor) return false;
-        isReady = fillRecord(*descriptor, ticket, record);
+        if (!descriptor) return isClosed && isOfThisCall(ticket) && failAddition(record);
+        isReady = fillProved(*descriptor, ticket, record);
     }
-    if (isReady) descriptor->lastRecord = calls;
+    if (isReady && (record.flags & EV_EOF) == 0) descriptor->lastRecord = calls;
     const bool wasProbed = filter->probed;
     filter->probed = wasProbed && isReady;
     descriptor->dozing = !isReady;
@@ -413,18 +414,25 @@ bool EventQueue::deliverOne(const Ticket& ticket, struct kevent& record) noexcep
     return isReady;
 }
 
+// The addition was trusted to be for an open descriptor.
+bool EventQueue::failAddition(struct kevent& record) noexcept {
+    record.flags = EV_ADD | EV_ERROR;
+    record.data = EBADF;
+    return true;
+}
+
 // Whatever is not plain bytes in a socket, or plain room for a filter that this call has added, is
 // left to be proved. False then.
 bool EventQueue::fillOnTrust(Descriptor& descriptor, const Ticket& ticket,
                              struct kevent& record) const noexcept {
-    const std::optional<int64_t> least = leastWritableBytes(descriptor.kind);
-    if (!least) return false;
     if (ticket.filter == EVFILT_WRITE) {
-        if (descriptor.write.seen != EPOLLOUT || ticket.serial <= lastSerialBefore) return false;
-        record.data =
-            descriptor.writesMuch ? writableBytes(descriptor.fd, descriptor.kind) : *least;
+        if (descriptor.leastRoom == 0 || descriptor.write.seen != EPOLLOUT || !isOfThisCall(ticket))
+            return false;
+        record.data = descriptor.writesMuch ? writableBytes(descriptor.fd, descriptor.kind)
+                                            : descriptor.leastRoom;
         return true;
     }
+    if (!isStreamSocket(descriptor.kind)) return false;
     const bool hasPlainBytes = (descriptor.read.seen & ~uint32_t{EPOLLOUT}) == EPOLLIN;
     if (!hasPlainBytes || descriptor.hadOutOfBand || descriptor.recordsOnTrust == 0) return false;
     --descriptor.recordsOnTrust;
@@ -432,11 +440,11 @@ bool EventQueue::fillOnTrust(Descriptor& descriptor, const Ticket& ticket,
     return record.data > 0;
 }
 
-// A write filter that is still there after its first record had more to write than the least.
-bool EventQueue::fillRecord(Descriptor& descriptor, const Ticket& ticket,
+// A write filter that is still there after its first record had more to write than the least room.
+bool EventQueue::fillProved(Descriptor& descriptor, const Ticket& ticket,
                             struct kevent& record) noexcept {
     if (ticket.filter == EVFILT_WRITE) {
-        descriptor.writesMuch = ticket.serial <= lastSerialBefore;
+        descriptor.writesMuch = !isOfThisCall(ticket);
         return fillWriteRecord(descriptor, record);
     }
     descriptor.recordsOnTrust = kRecordsOnTrust;

@@ -75,7 +75,11 @@ private:
     bool deliverOne(const Ticket& ticket, struct kevent& record) noexcept;
     bool fillOnTrust(Descriptor& descriptor, const Ticket& ticket,
                      struct kevent& record) const noexcept;
-    bool fillRecord(Descriptor& descriptor, const Ticket& ticket, struct kevent& record) noexcept;
+    bool fillProved(Descriptor& descriptor, const Ticket& ticket, struct kevent& record) noexcept;
+    static bool failAddition(struct kevent& record) noexcept;
+    [[nodiscard]] bool isOfThisCall(const Ticket& ticket) const noexcept {
+        return ticket.serial > lastSerialBefore;
+    }
     static int64_t countReadable(Descriptor& descriptor) noexcept;
     static bool fillReadRecord(Descriptor& descriptor, struct kevent& record) noexcept;
     static bool fillWriteRecord(Descriptor& descriptor, struct kevent& record) noexcept;

@@ -266,4 +266,18 @@ TEST_F(BipipeAndKernel, PausedOneRemovesItsReadFilterAndResumingAddsIt) {
     EXPECT_EQ(kernel.changes().back(), readChange(kArm));
 }
 
+TEST_F(BipipeAndKernel, RecordOfADescriptorThatIsNotTheFiltersIsIgnored) {
+    start();
+    ASSERT_EQ(write(in[1], "abc", 3), 3);
+    const auto source = static_cast<void*>(bipipe.get());
+    struct kevent reading;
+    struct kevent writing;
+    EV_SET(&reading, out[1], EVFILT_READ, 0, 0, 3, source);
+    EV_SET(&writing, in[0], EVFILT_WRITE, 0, 0, 3, source);
+    kernel.deliver({reading, writing});
+    kernel.settle();
+    EXPECT_EQ(events.codes(), std::vector<int32_t>{HXKQueueEventConnected});
+    EXPECT_TRUE(kernel.changes().empty());
+}
+
 }  // namespace

@@ -283,6 +283,24 @@ TEST_F(StreamSocketAndKernel, BlockThatIsToldOfAFailedWriteMayWaitForAnotherThre
     EXPECT_FALSE(wasHeldUp);
 }
 
+TEST_F(StreamSocketAndKernel, RecordOfAnotherDescriptorIsIgnored) {
+    start();
+    ASSERT_EQ(write(stream.peer, "abc", 3), 3);
+    loop->write(stream.source, "xyz", 3);
+    kernel.settle();
+    kernel.reset();
+    for (const int filter : {EVFILT_READ, EVFILT_WRITE}) {
+        struct kevent record;
+        EV_SET(&record, stream.peer, static_cast<int16_t>(filter), 0, 0, 3,
+               static_cast<void*>(stream.source.get()));
+        kernel.deliver({record});
+        kernel.settle();
+    }
+    EXPECT_EQ(events.codes(), std::vector<int32_t>{HXKQueueEventConnected});
+    EXPECT_EQ(arrived(), "");
+    EXPECT_TRUE(kernel.changes().empty());
+}
+
 // A client whose connect stays pending, because the listener's backlog is full.
 class PendingConnectAndKernel : public LoopTest {
 protected:
@@ -295,11 +313,12 @@ protected:
         client = loop->createTCPClient(asSockaddr(address));
         loop->startObject(client, events.block());
         kernel.settle();
+        sock = static_cast<int>(kernel.changes().at(0).ident);
     }
     ~PendingConnectAndKernel() override {
         stopLoop();
-        for (const int sock : fillers)
-            close(sock);
+        for (const int filler : fillers)
+            close(filler);
         close(listener);
     }
 
@@ -316,7 +335,7 @@ protected:
 
     void report(int filter, int flags, int64_t data) {
         struct kevent record;
-        EV_SET(&record, 0, static_cast<int16_t>(filter), flags, 0, data,
+        EV_SET(&record, sock, static_cast<int16_t>(filter), flags, 0, data,
                static_cast<void*>(client.get()));
         kernel.reset();
         kernel.deliver({record});
@@ -337,6 +356,7 @@ protected:
     std::vector<int> fillers;
     EventRecorder events;
     std::shared_ptr<HXKQueueTCPClient> client;
+    int sock = -1;  // the client's
 };
 
 TEST_F(PendingConnectAndKernel, RegistersForWritingAndReadingAndSaysNothingYet) {
@@ -380,7 +400,6 @@ TEST_F(PendingConnectAndKernel, BlockThatIsToldOfTheConnectionFindsItConnected) 
 }
 
 TEST_F(PendingConnectAndKernel, LeavesTheSocketInBlockingMode) {
-    const int sock = static_cast<int>(kernel.changes().at(0).ident);
     EXPECT_EQ(fcntl(sock, F_GETFL) & O_NONBLOCK, 0);
 }
 

@@ -87,4 +87,22 @@ TEST_F(Closing, DuplicateOfABusySocketIsShakenOffAfterFewRecords) {
     EXPECT_EQ(change(static_cast<uint64_t>(number), EVFILT_READ, EV_DELETE), ENOENT);
 }
 
+TEST_F(Closing, WriteFilterAddedRightAfterARecordToADescriptorThatIsGoneFails) {
+    Pair pair = unixPair();
+    int tag = 0;
+    add(pair.ours, EVFILT_READ, &tag);
+    send(pair.peer, "x");
+    EXPECT_EQ(waitForOne().data, 1);
+    const struct kevent arming = makeChange(pair.ours, EVFILT_WRITE, EV_ADD, &tag);
+    pair.ours.reset();
+    const struct timespec atOnce = {};
+    struct kevent record = {};
+    ASSERT_EQ(kevent(queue, &arming, 1, &record, 1, &atOnce), 1);
+    EXPECT_EQ(record.flags, EV_ADD | EV_ERROR);
+    EXPECT_EQ(record.data, EBADF);
+    EXPECT_EQ(record.filter, EVFILT_WRITE);
+    EXPECT_EQ(record.udata, &tag);
+    EXPECT_TRUE(look().empty());
+}
+
 }  // namespace

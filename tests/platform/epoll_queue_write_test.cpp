@@ -252,7 +252,6 @@ TEST_P(LimitedUnsent, IsHeededByTheRoomOfATcpSocket) {
     writeAsCounted(pair, 'x', 1'000, 2'000);
 }
 
-// Segments as small as the kernel takes make its bookkeeping as large as can be.
 TEST_P(LimitedUnsent, IsHeededByTheRoomOfAFilterJustAddedWhateverTheSegments) {
     for (const int segment : {88, 536, 0}) {
         SCOPED_TRACE("segments of " + std::to_string(segment) + " bytes");

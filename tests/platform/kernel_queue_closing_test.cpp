@@ -220,4 +220,26 @@ TEST_F(Closing, NextOwnerOfANumberWhoseReadinessWasLeftOverSeesNothingOfIt) {
     EXPECT_EQ(waitForOne().ident, first.front().ident);
 }
 
+// As one does who connects again when the connection has ended.
+TEST_F(Closing, SocketThatTakesTheNumberRightAfterItsPredecessorsEndGetsItsOwnRecords) {
+    Pair old = unixPair();
+    add(old.ours, EVFILT_READ, &oldTag);
+    old.peer.reset();
+    EXPECT_NE(waitForOne().flags & EV_EOF, 0);
+    Pair next = unixPair();
+    send(next.peer, "abc");
+    const int number = old.ours;
+    reuse(old.ours, std::move(next.ours));
+    const Records changes = {makeChange(number, EVFILT_WRITE, EV_ADD, &oldTag),
+                             makeChange(number, EVFILT_READ, EV_ADD, &oldTag)};
+    const struct timespec atOnce = {};
+    Records records(8);
+    ASSERT_EQ(kevent(queue, changes.data(), 2, records.data(), 8, &atOnce), 2);
+    for (size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(records[i].flags & (EV_ERROR | EV_EOF), 0);
+        EXPECT_GT(records[i].data, 0);
+    }
+    EXPECT_NE(records[0].filter, records[1].filter);
+}
+
 }  // namespace

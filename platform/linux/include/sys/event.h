@@ -37,12 +37,14 @@
 //     again under the same number, and a FIFO or terminal whose only filter is one for writing
 //     that has had room ever since it was added.
 //   - A stream socket closed, without a shutdown, while a duplicate of it lives, whose number has
-//     become a descriptor with bytes to read and without a filter here: up to 31 records of those
-//     bytes still go to the old filter.
-//   - A write filter that is added or removed in answer to a record, that is by the call after the
-//     one that returned it, and with its udata, is taken to be for the same descriptor. Who closes
-//     that in between, and registers another one of the same number, begins with its read filter
-//     or uses another udata.
+//     become a descriptor that is readable and without a filter here: up to 31 records of that
+//     still go to the old filter.
+//   - A write filter that is added or removed in answer to a record without EV_EOF, that is by the
+//     call after the one that returned it, and with its udata, is taken to be for the same
+//     descriptor. If that has been closed in between, the addition fails with EBADF if the call
+//     collects records, and the removal does not fail. Who has made another descriptor of the same
+//     number registers its read filter first, or uses another udata.
+//   - A TCP_NOTSENT_LOWAT below 384 bytes is to be set before the socket has a filter.
 //   Directories and block devices are refused with EINVAL. One descriptor may be in several queues;
 //   a socket's pending error is told by the first that asks.
 //
