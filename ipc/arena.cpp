@@ -105,7 +105,7 @@ void Arena::clear() noexcept {
     Block* first = last;
     while (first && first->before)
         first = first->before;
-    const bool isSmall = first && first->size <= kFirstBlock;
+    const bool isSmall = first != nullptr && first->size <= kFirstBlock;
     giveBackBlocks(isSmall ? first : nullptr);
     left = 0;
     unprepared = 0;
