@@ -12,6 +12,15 @@ die() {
     exit 1
 }
 
+# Runs a command, and shows what it prints only if it fails: ninja prints a compiler's errors on
+# standard output.
+quietly() {
+    local output
+    output=$("$@") && return 0
+    printf '%s\n' "$output" >&2
+    return 1
+}
+
 has() { command -v "$1" >/dev/null 2>&1; }
 
 # The first argument is the lower of two versions, or they are equal.
