@@ -5,10 +5,11 @@
 //     guard_replies made-with          prints what an instruction count depends on besides the code
 //
 // What counts happens in measured_part, after it has been done once: what happens at first use only
-// is left out.
+// is left out. A report's lines are counted that first time, and go nowhere when it is measured.
 
 #include <gnu/libc-version.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include <boost/json/array.hpp>
 #include <boost/json/monotonic_resource.hpp>
@@ -25,6 +26,7 @@
 
 #include "bench/support/client_without_daemon.h"
 #include "bench/support/list_reply.h"
+#include "bench/support/printed_lines.h"
 #include "bench/support/program.h"
 #include "cli/device_list.h"
 #include "cli/tree_list.h"
@@ -82,25 +84,32 @@ private:
     size_t delivered = 0;
 };
 
-void measureTwice(const std::function<void()>& work) {
+void decode(const ListReply& reply) {
+    Decoder decoder;
+    const auto work = [&] { decoder.decode(reply.frame, 1); };
     work();
     measured_part(work);
 }
 
-void decode(const ListReply& reply) {
-    Decoder decoder;
-    measureTwice([&] { decoder.decode(reply.frame, 1); });
+// What is printed from here on goes to the file.
+void printTo(std::FILE* file) {
+    if (!file || std::fflush(stdout) != 0 || dup2(fileno(file), STDOUT_FILENO) == -1)
+        fail("standard output");
 }
 
 template <typename Report>
-void print(const ListReply& reply, Report report) {
+void print(const ListReply& reply, size_t lines, Report report) {
     boost::json::monotonic_resource arena;
     const auto value = readJson(std::string_view(reply.frame).substr(kFrameHeaderSize), &arena);
     const boost::json::array* servers =
         value && value->is_object() ? arrayMember(value->get_object(), "servers") : nullptr;
     if (!servers || servers->size() != reply.servers) fail("the reply cannot be read");
-    if (!std::freopen("/dev/null", "w", stdout)) fail("/dev/null");
-    measureTwice([&] { report(*servers); });
+    std::FILE* const printed = std::tmpfile();
+    printTo(printed);
+    report(*servers);
+    printTo(std::fopen("/dev/null", "w"));
+    if (countLines(printed) != lines) fail("not every line is printed");
+    measured_part([&] { report(*servers); });
 }
 
 size_t allocationsOf(Decoder& decoder, std::string_view frames, size_t count) {
@@ -152,9 +161,10 @@ int main(int argc, char** argv) {
         if (what == "decode")
             decode(reply);
         else if (what == "srv")
-            print(reply, [](const auto& servers) { output_tree_list(servers, false); });
+            print(reply, reply.devices + reply.servers,
+                  [](const auto& servers) { output_tree_list(servers, false); });
         else if (what == "dev")
-            print(reply,
+            print(reply, reply.devices,
                   [](const auto& servers) { output_device_list(servers, false, true, false); });
         else
             return 2;

@@ -1,4 +1,5 @@
-// The two reports, from a reply that is decoded already to lines that nobody reads.
+// The two reports, from a reply that is decoded already to lines that nobody reads, but for those
+// of a first time, which are counted.
 
 #include <benchmark/benchmark.h>
 
@@ -10,6 +11,8 @@
 #include <string_view>
 
 #include "bench/support/list_reply.h"
+#include "bench/support/printed_lines.h"
+#include "bench/support/program.h"
 #include "cli/device_list.h"
 #include "cli/tree_list.h"
 #include "ipc/frame.h"
@@ -17,24 +20,35 @@
 
 namespace {
 
-// Standard output, as far as C streams go, in the course of its life.
-class NowhereToPrint {
+// Standard output, as far as C streams go, in the course of its life. Takes the stream over.
+class PrintingTo {
 public:
-    NowhereToPrint() { stdout = nowhere; }
-    NowhereToPrint(const NowhereToPrint&) = delete;
-    NowhereToPrint& operator=(const NowhereToPrint&) = delete;
-    ~NowhereToPrint() {
+    explicit PrintingTo(std::FILE* stream_) : stream(stream_) {
+        if (!stream) fail("nowhere to print to");
+        stdout = stream;
+    }
+    PrintingTo(const PrintingTo&) = delete;
+    PrintingTo& operator=(const PrintingTo&) = delete;
+    ~PrintingTo() {
         stdout = before;
-        std::fclose(nowhere);
+        std::fclose(stream);
     }
 
 private:
     std::FILE* const before = stdout;
-    std::FILE* const nowhere = std::fopen("/dev/null", "w");
+    std::FILE* const stream;
 };
 
 template <typename Report>
-void print(benchmark::State& state, Report report) {
+size_t linesOf(const boost::json::array& servers, Report report) {
+    std::FILE* const file = std::tmpfile();
+    const PrintingTo printing(file);
+    report(servers);
+    return countLines(file);
+}
+
+template <typename Report>
+void print(benchmark::State& state, Report report, bool withServers) {
     const ListReply reply = makeListReply(static_cast<size_t>(state.range(0)));
     boost::json::monotonic_resource arena;
     const auto value = readJson(std::string_view(reply.frame).substr(kFrameHeaderSize), &arena);
@@ -44,8 +58,12 @@ void print(benchmark::State& state, Report report) {
         state.SkipWithError("the reply cannot be read");
         return;
     }
+    if (linesOf(*servers, report) != reply.devices + (withServers ? reply.servers : 0)) {
+        state.SkipWithError("not every line is printed");
+        return;
+    }
     {
-        const NowhereToPrint nowhere;
+        const PrintingTo nowhere(std::fopen("/dev/null", "w"));
         while (state.KeepRunning())
             report(*servers);
     }
@@ -53,17 +71,20 @@ void print(benchmark::State& state, Report report) {
 }
 
 void tree(benchmark::State& state) {
-    print(state, [](const auto& servers) { output_tree_list(servers, false); });
+    print(
+        state, [](const auto& servers) { output_tree_list(servers, false); }, true);
 }
 BENCHMARK(tree)->Name("reports/srv_list")->Arg(2 << 10)->Arg(1 << 20);
 
 void devices(benchmark::State& state) {
-    print(state, [](const auto& servers) { output_device_list(servers, false, true, false); });
+    print(
+        state, [](const auto& servers) { output_device_list(servers, false, true, false); }, false);
 }
 BENCHMARK(devices)->Name("reports/dev_list")->Arg(2 << 10)->Arg(1 << 20);
 
 void devicesByName(benchmark::State& state) {
-    print(state, [](const auto& servers) { output_device_list(servers, true, true, false); });
+    print(
+        state, [](const auto& servers) { output_device_list(servers, true, true, false); }, false);
 }
 BENCHMARK(devicesByName)->Name("reports/dev_list_by_name")->Arg(2 << 10)->Arg(1 << 20);
 
