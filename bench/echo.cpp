@@ -7,8 +7,6 @@
 // connection's figures would tell whether they happened to share one. The client verifies every
 // byte, and keeps one message under way on each connection.
 
-#include <sys/resource.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -18,6 +16,7 @@
 #include <vector>
 
 #include "bench/support/counts.h"
+#include "bench/support/descriptor_limit.h"
 #include "bench/support/echo_load.h"
 #include "bench/support/figures.h"
 #include "bench/support/processors.h"
@@ -185,19 +184,11 @@ std::string makeDirectory() {
     return name;
 }
 
-// The idle connections take a descriptor each, here and in the servers, which inherit the limit.
-void allowManyDescriptors() {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) fail("getrlimit");
-    limit.rlim_cur = limit.rlim_max;
-    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) fail("setrlimit");
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     const Options options = readOptions(argc, argv);
-    allowManyDescriptors();
+    allowManyDescriptors();  // the idle connections take one each, here and in the servers
     const std::string directory = makeDirectory();
     for (const Case& each : kCases) {
         if (std::string_view(each.name).find(options.only) == std::string_view::npos) continue;

@@ -15,8 +15,6 @@
 // Each round measures each loop once, in a process of its own. Figures are medians over the rounds;
 // ratios are taken within a round.
 
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <string>
@@ -27,6 +25,7 @@
 #include "bench/loop/measuring.h"
 #include "bench/loop/subject.h"
 #include "bench/support/counts.h"
+#include "bench/support/descriptor_limit.h"
 #include "bench/support/figures.h"
 #include "bench/support/in_child.h"
 
@@ -51,14 +50,6 @@ constexpr double kIdleSeconds = 2;
 constexpr size_t kOtherDescriptors = 64;
 
 constexpr const Subject* kSubjects[] = {&kHxkqueue, &kLibuv};
-
-size_t descriptors() {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) fail("getrlimit");
-    limit.rlim_cur = limit.rlim_max;
-    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) fail("setrlimit");
-    return limit.rlim_max;
-}
 
 // Of both loops, one entry a round.
 struct Series {
@@ -232,7 +223,7 @@ void measureTimers(int rounds) {
 }
 
 void measureSources(int rounds) {
-    const size_t available = descriptors() - kOtherDescriptors;
+    const size_t available = allowManyDescriptors() - kOtherDescriptors;
     const size_t many = std::min(kMany, available) / 2 * 2;
     Growth growth(many);
     PhaseSeries sharing(kMany);
@@ -283,7 +274,7 @@ struct RestSeries {
 
 void measureIdle(int rounds) {
     RestSeries none(0);
-    RestSeries many(std::min(kIdleConnections, (descriptors() - kOtherDescriptors) / 2));
+    RestSeries many(std::min(kIdleConnections, (allowManyDescriptors() - kOtherDescriptors) / 2));
     Series ofBareWait;
     Series ofTickingLibuv;
     for (int round = 0; round < rounds; ++round) {

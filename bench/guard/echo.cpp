@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "bench/support/counts.h"
+#include "bench/support/descriptor_limit.h"
 #include "bench/support/program.h"
 #include "kqueue/HXKQueue.h"
 #include "kqueue/HXKQueueStreamSocket.h"
@@ -85,7 +86,9 @@ Connections connectTcp() {
 
 void waitForArrival(int fd, const char* what) {
     pollfd arrival{.fd = fd, .events = POLLIN, .revents = 0};
-    if (poll(&arrival, 1, kArrivalMs) != 1) fail(what);
+    const int count = poll(&arrival, 1, kArrivalMs);
+    if (count == -1) fail("poll");
+    if (count == 0) failCheck(what);
 }
 
 // A pipe whose one end has the number that is known.
@@ -160,16 +163,21 @@ void receiveAll(const Connections& connections, const Message& message) {
         if (recv(connection.client, received.data(), received.size(), MSG_WAITALL) !=
                 ssize_t{kMessageSize} ||
             received != message)
-            fail("not what was sent has come back");
+            failCheck("not what was sent has come back");
     }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) return 2;
+    const std::string_view family = argc == 3 ? argv[1] : "";
+    const bool isUnix = family == "unix";
+    if (!isUnix && family != "tcp") {
+        std::fputs("usage: guard_echo unix|tcp ROUNDS\n", stderr);
+        return 2;
+    }
     const int rounds = readCount("guard_echo", argv[2]);
-    const bool isUnix = std::string_view(argv[1]) == "unix";
+    if (allowManyDescriptors() <= kReleased) failCheck("the hard limit of descriptors is too low");
     const Connections connections = isUnix ? connectUnix() : connectTcp();
     const HeldEchoServer server(connections);
     for (int round = 0; round < rounds; ++round) {

@@ -68,7 +68,7 @@ class Decoder {
 public:
     Decoder() {
         if (!client->setOnData([this](int32_t /*code*/, const auto& /*reply*/) { ++delivered; }))
-            fail("no callback");
+            failCheck("no callback");
     }
 
     void decode(std::string_view frames, size_t count) {
@@ -76,7 +76,7 @@ public:
         uint64_t drop = 0;
         if (!client->parseProtocolBuffer(frames.data(), frames.size(), &drop) ||
             drop != frames.size() || delivered != count)
-            fail("not every frame was delivered");
+            failCheck("not every frame was delivered");
     }
 
 private:
@@ -103,12 +103,12 @@ void print(const ListReply& reply, size_t lines, Report report) {
     const auto value = readJson(std::string_view(reply.frame).substr(kFrameHeaderSize), &arena);
     const boost::json::array* servers =
         value && value->is_object() ? arrayMember(value->get_object(), "servers") : nullptr;
-    if (!servers || servers->size() != reply.servers) fail("the reply cannot be read");
+    if (!servers || servers->size() != reply.servers) failCheck("the reply cannot be read");
     std::FILE* const printed = std::tmpfile();
     printTo(printed);
     report(*servers);
     printTo(std::fopen("/dev/null", "w"));
-    if (countLines(printed) != lines) fail("not every line is printed");
+    if (countLines(printed) != lines) failCheck("not every line is printed");
     measured_part([&] { report(*servers); });
 }
 

@@ -65,7 +65,8 @@ int connectTo(const char* path) {
 void receive(int sock, char* into, size_t size) {
     while (size > 0) {
         const ssize_t count = recv(sock, into, size, MSG_WAITALL);
-        if (count <= 0) fail("recv");
+        if (count == -1) fail("recv");
+        if (count == 0) failCheck("the reply is cut short");
         into += count;
         size -= static_cast<size_t>(count);
     }
@@ -100,7 +101,7 @@ void readServer(ondemand::object from, Reply& into) {
 
 Reply readReply(ondemand::document& from) {
     Reply reply;
-    if (std::string_view(from["status"]) != "ok") fail("status");
+    if (std::string_view(from["status"]) != "ok") failCheck("the reply is no list");
     for (ondemand::object server : from["servers"])
         readServer(server, reply);
     return reply;

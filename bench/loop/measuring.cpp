@@ -97,7 +97,8 @@ void readAll(int fd, size_t size) {
     std::vector<char> buffer(65'536);
     while (size > 0) {
         const ssize_t count = read(fd, buffer.data(), std::min(buffer.size(), size));
-        if (count <= 0) fail("read");
+        if (count == -1) fail("read");
+        require(count > 0, "a connection has ended");
         size -= static_cast<size_t>(count);
     }
 }

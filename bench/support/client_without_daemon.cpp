@@ -37,7 +37,7 @@ Connection connectClient() {
         fail("listen on " + path);
     auto loop = HXKQueue::initWithSubsystem("org.example.usb.virt.ctl");
     auto client = loop ? HXTarnIPCClient::initWithKQueue(loop, path.c_str()) : nullptr;
-    if (!client) fail("no client");
+    if (!client) failCheck("no client");
     const int daemon = accept(listener, nullptr, nullptr);
     if (daemon == -1) fail("accept");
     close(listener);
@@ -79,5 +79,5 @@ std::shared_ptr<HXTarnIPCClient> makeClientWithoutDaemon() {
 }
 
 void requireSent(const std::function<void(HXTarnIPCClient&)>& request, std::string_view frame) {
-    if (!inChild([&] { return isSent(request, frame); })) fail("another frame is sent");
+    if (!inChild([&] { return isSent(request, frame); })) failCheck("another frame is sent");
 }

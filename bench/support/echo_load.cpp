@@ -129,10 +129,11 @@ bool EchoLoad::receive(Connection& connection) {
     const size_t missing = messageSize - connection.received;
     const ssize_t count = read(connection.sock, buffer.data(), missing);
     if (count == -1 && errno == EAGAIN) return false;
-    if (count <= 0) fail("read");
+    if (count == -1) fail("read");
+    if (count == 0) failCheck("the server has ended a connection");
     const auto size = static_cast<size_t>(count);
     if (std::memcmp(buffer.data(), connection.message.data() + connection.received, size) != 0)
-        fail("what came back is not what was sent");
+        failCheck("what came back is not what was sent");
     connection.received += size;
     return connection.received == messageSize;
 }

@@ -27,6 +27,6 @@ template <typename Work>
     close(ends[0]);
     int status = 0;
     if (waitpid(child, &status, 0) != child || !received || status != 0)
-        fail("a measurement has failed");
+        failCheck("a measurement has failed");
     return result;
 }

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -35,8 +36,8 @@ pid_t start(const std::vector<std::string>& arguments, int output, bool withErro
     posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
     if (withErrors) posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO);
     pid_t child = -1;
-    if (posix_spawnp(&child, words[0], &actions, nullptr, words.data(), environ) != 0)
-        fail(arguments[0]);
+    errno = posix_spawnp(&child, words[0], &actions, nullptr, words.data(), environ);
+    if (errno != 0) fail(arguments[0]);
     posix_spawn_file_actions_destroy(&actions);
     return child;
 }

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -44,6 +45,11 @@ void fail(const std::string& what) {
     std::exit(1);
 }
 
+void failCheck(const std::string& what) {
+    std::fprintf(stderr, "%s\n", what.c_str());
+    std::exit(1);
+}
+
 Program::Program(const std::vector<std::string>& arguments) {
     std::vector<char*> words;
     words.reserve(arguments.size() + 1);
@@ -55,13 +61,13 @@ Program::Program(const std::vector<std::string>& arguments) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-    if (posix_spawn(&child, words[0], &actions, nullptr, words.data(), environ) != 0)
-        fail(arguments[0]);
+    errno = posix_spawn(&child, words[0], &actions, nullptr, words.data(), environ);
+    if (errno != 0) fail(arguments[0]);
     posix_spawn_file_actions_destroy(&actions);
     close(ends[1]);
     output = ends[0];
     for (char next = 0; next != '\n';)
-        if (read(output, &next, 1) != 1) fail(arguments[0] + " does not begin");
+        if (read(output, &next, 1) != 1) failCheck(arguments[0] + " does not begin");
 }
 
 Program::~Program() {

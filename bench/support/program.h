@@ -12,6 +12,9 @@
 // benchmark with status 1.
 [[noreturn]] void fail(const std::string& what);
 
+// The same for what is no system call's failure, and without a reason.
+[[noreturn]] void failCheck(const std::string& what);
+
 class Program {
 public:
     // Starts it and waits for its first line of output.

@@ -62,7 +62,8 @@ ReplyServer::ReplyServer(std::string path_, size_t payloadSize) : path(std::move
     }
     close(listener);
     close(ends[1]);
-    if (read(ends[0], &counts, sizeof counts) != sizeof counts) fail("the server does not begin");
+    if (read(ends[0], &counts, sizeof counts) != sizeof counts)
+        failCheck("the server does not begin");
     close(ends[0]);
 }
 
