@@ -282,10 +282,10 @@ Rest rest(const Pairs& connections, double seconds) {
 
 double processorShareOfTickingLibuv(double seconds) {
     auto* loop = new RunningLoop;
-    uv_timer_t timer;
-    uv_timer_init(&loop->loop, &timer);
+    auto* timer = new uv_timer_t;  // left behind with the loop
+    uv_timer_init(&loop->loop, timer);
     uv_timer_start(
-        &timer, [](uv_timer_t* /*timer*/) {}, 5, 5);
+        timer, [](uv_timer_t* /*timer*/) {}, 5, 5);
     loop->start();
     return restSince({}, 0, seconds).processorShare;
 }
