@@ -19,7 +19,7 @@
 #include <string_view>
 #include <vector>
 
-#include "bench/support/counts.h"
+#include "bench/support/command_line.h"
 #include "bench/support/figures.h"
 #include "bench/support/measured_run.h"
 #include "bench/support/program.h"
@@ -136,8 +136,7 @@ private:
 
 int main(int argc, char** argv) {
     int rounds = 500;
-    if (argc == 3 && std::string_view(argv[1]) == "--rounds")
-        rounds = readCount("command", argv[2]);
+    static_cast<void>(readCommandLine("command", argc, argv, {{"--rounds", &rounds}}, {}));
     const Program daemon({DAEMON});
     Bench bench(rounds);
     bench.run();

@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "bench/support/counts.h"
+#include "bench/support/command_line.h"
 #include "bench/support/descriptor_limit.h"
 #include "bench/support/echo_load.h"
 #include "bench/support/figures.h"
@@ -69,15 +69,10 @@ struct Series {
 
 Options readOptions(int argc, char** argv) {
     Options options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view word = argv[i];
-        if (word == "--rounds" && i + 1 < argc)
-            options.rounds = readCount("echo", argv[++i]);
-        else if (word == "--milliseconds" && i + 1 < argc)
-            options.milliseconds = readCount("echo", argv[++i]);
-        else
-            options.only = word;
-    }
+    options.only =
+        readCommandLine("echo", argc, argv,
+                        {{"--rounds", &options.rounds}, {"--milliseconds", &options.milliseconds}},
+                        namesOf(kCases));
     return options;
 }
 

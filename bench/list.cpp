@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-#include "bench/support/counts.h"
+#include "bench/support/command_line.h"
 #include "bench/support/figures.h"
 #include "bench/support/measured_run.h"
 #include "bench/support/program.h"
@@ -165,13 +165,8 @@ private:
 
 Options readOptions(int argc, char** argv) {
     Options options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view word = argv[i];
-        if (word == "--rounds" && i + 1 < argc)
-            options.rounds = readCount("list", argv[++i]);
-        else
-            options.only = word;
-    }
+    options.only =
+        readCommandLine("list", argc, argv, {{"--rounds", &options.rounds}}, namesOf(kCases));
     return options;
 }
 

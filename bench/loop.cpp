@@ -24,7 +24,7 @@
 #include "bench/loop/bare_wait.h"
 #include "bench/loop/measuring.h"
 #include "bench/loop/subject.h"
-#include "bench/support/counts.h"
+#include "bench/support/command_line.h"
 #include "bench/support/descriptor_limit.h"
 #include "bench/support/figures.h"
 #include "bench/support/in_child.h"
@@ -311,14 +311,8 @@ constexpr Case kCases[] = {
 
 int main(int argc, char** argv) {
     int rounds = 5;
-    std::string_view only;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view word = argv[i];
-        if (word == "--rounds" && i + 1 < argc)
-            rounds = readCount("loop", argv[++i]);
-        else
-            only = word;
-    }
+    const std::string_view only =
+        readCommandLine("loop", argc, argv, {{"--rounds", &rounds}}, namesOf(kCases));
     for (const Case& each : kCases) {
         if (std::string_view(each.name).find(only) == std::string_view::npos) continue;
         each.measure(rounds);
