@@ -269,7 +269,7 @@ TEST_F(BipipeAndKernel, PausedOneRemovesItsReadFilterAndResumingAddsIt) {
 TEST_F(BipipeAndKernel, RecordOfADescriptorThatIsNotTheFiltersIsIgnored) {
     start();
     ASSERT_EQ(write(in[1], "abc", 3), 3);
-    const auto source = static_cast<void*>(bipipe.get());
+    auto* const source = static_cast<void*>(bipipe.get());
     struct kevent reading;
     struct kevent writing;
     EV_SET(&reading, out[1], EVFILT_READ, 0, 0, 3, source);

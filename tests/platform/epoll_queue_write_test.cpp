@@ -33,7 +33,7 @@ protected:
 
     // For every message, as a stream does it.
     Records armAfresh(int fd) {
-        const Records records = addAndLook(fd);
+        Records records = addAndLook(fd);
         remove(fd, EVFILT_WRITE);
         return records;
     }
