@@ -43,14 +43,20 @@ size_t endOfId(const Servers& servers, size_t begin) {
     return end;
 }
 
-// Of the servers of one id, those of the id that has most.
+// What may be a device, among the elements that may be anything.
+size_t countObjects(const array& elements) {
+    return static_cast<size_t>(std::count_if(elements.begin(), elements.end(),
+                                             [](const value& each) { return each.is_object(); }));
+}
+
+// The most devices that the servers of one id have together.
 size_t mostDevices(const Servers& servers) {
     size_t most = 0;
     for (size_t begin = 0, end; begin < servers.size(); begin = end) {
         end = endOfId(servers, begin);
         size_t devices = 0;
         for (size_t i = begin; i < end; ++i)
-            devices += servers[i].devices->size();
+            devices += countObjects(*servers[i].devices);
         most = std::max(most, devices);
     }
     return most;

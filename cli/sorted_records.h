@@ -1,4 +1,4 @@
-// The records of arrays that can be read, by ascending id; those with equal ids stay as they came.
+// Of arrays, the records that can be read, by ascending id; those with equal ids stay as they came.
 // Records without an id to go by are left out before they could be compared.
 #pragma once
 
@@ -28,8 +28,9 @@ public:
     // Adds a record of the reply. No reply holds so many of them that their number takes more than
     // 32 bits. Throws std::bad_alloc.
     void add(const Record& record) {
-        order.push_back(uint64_t{record.id} << 32 | records.size());
+        const uint64_t place = records.size();
         records.push_back(record);
+        order.push_back(uint64_t{record.id} << 32 | place);
     }
 
     // Adds those elements that can be read. Throws std::bad_alloc.
@@ -40,7 +41,7 @@ public:
         }
     }
 
-    // What is added later has no place yet.
+    // What is added later stands at the end until the next sort.
     void sort() noexcept { std::sort(order.begin(), order.end()); }
 
     [[nodiscard]] size_t size() const noexcept { return order.size(); }

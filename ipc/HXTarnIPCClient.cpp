@@ -221,6 +221,7 @@ bool HXTarnIPCClient::parseProtocolBuffer(const char* bytes, uint64_t size, uint
     while (size - used >= kFrameHeaderSize) {
         const FrameHeader header = readFrameHeader(bytes + used);
         if (header.length == 0 || header.length > kMaxPayloadLength) {
+            reading.reset();
             std::fputs("invalid protocol\n", stderr);
             return false;
         }
@@ -257,12 +258,13 @@ bool HXTarnIPCClient::handleEvent(const std::shared_ptr<HXKQueueEventProtocol>& 
         default:
             return true;
     }
+    reading.reset();  // the socket discards the bytes that it is of
     if (const auto callback = onError()) (*callback)();
     return true;
 }
 
-// Without memory to keep what is read, the frame is read when it is complete. So is one with a
-// mistake, as far as anybody can tell.
+// Without memory to begin with, the frame is read when it is complete. What goes wrong on the way,
+// a lack of memory included, is told then, too.
 void HXTarnIPCClient::readAhead(const FrameHeader& header, std::string_view payload) noexcept {
     if (payload.size() < kReadAheadFrom) return;
     reading = readingOf(header, payload);

@@ -76,7 +76,6 @@ private:
     void run() noexcept {
         for (size_t unit = 1; unit < units && waitUntilUsed(unit - std::min(unit, kAhead)); ++unit)
             prepareLargeMemory(block + unit * kLargeMemoryUnit);
-        waitUntilUsed(units + 1);
     }
 
     // Until so many units behind the first are in use; false at the end.

@@ -105,7 +105,7 @@ TEST(OutOfMemorySetUp, EndsWith12WithTheWordsOfTheStep) {
     EXPECT_EQ(outcome.status, 12);
 }
 
-// Sorting would like to have memory of its own, so there are enough devices for that to matter.
+// So many that what they are read into grows several times.
 std::string manyDevices(const std::string& serverId) {
     std::vector<std::string> devices;
     for (int i = 0; i < 50; ++i)

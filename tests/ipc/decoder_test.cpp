@@ -238,6 +238,23 @@ TEST_F(LargeFrameTest, IsReadAfreshBehindOneThatWasRefused) {
     EXPECT_EQ(log.lines(), Lines{"data 1 " + reply('b')});
 }
 
+TEST_F(LargeFrameTest, IsReadAfreshBehindBytesThatWereNoFrame) {
+    ASSERT_TRUE(isWaitedFor(frame(1, reply('a'))));
+    EXPECT_FALSE(decode(std::string(8, '\0')));
+    EXPECT_EQ(err.take(), "invalid protocol\n");
+    EXPECT_TRUE(decode(frame(1, reply('b'))));
+    EXPECT_EQ(log.lines(), Lines{"data 1 " + reply('b')});
+}
+
+TEST_F(LargeFrameTest, IsReadAfreshWhenTheSocketHasDiscardedItsBeginning) {
+    ASSERT_TRUE(client->setOnError([this] { log.add("error"); }));
+    ASSERT_TRUE(isWaitedFor(frame(1, reply('a'))));
+    EXPECT_TRUE(client->handleEvent(nullptr, nullptr, 0, nullptr, HXKQueueEventTerminated));
+    EXPECT_EQ(err.take(), "connection terminated\n");
+    EXPECT_TRUE(decode(frame(1, reply('b'))));
+    EXPECT_EQ(log.lines(), (Lines{"error", "data 1 " + reply('b')}));
+}
+
 // Another connection's frame, or one behind a frame that nobody has dropped.
 TEST_F(LargeFrameTest, WithAnotherHeaderIsAnotherFrame) {
     ASSERT_TRUE(isWaitedFor(frame(1, reply('a'))));
