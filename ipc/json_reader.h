@@ -1,6 +1,7 @@
 // Reads one JSON text after the other, each of which may come in pieces, as readJson reads one that
-// is there as a whole, but for the last bit of a number with a fraction or an exponent that has more
-// digits than 53 bits hold: that may depend on the pieces. What one text has needed serves the next.
+// is there as a whole, but for the last bit of a number with more digits than 53 bits hold, if it
+// has a fraction or an exponent: that may depend on the pieces. What one text has needed serves the
+// next.
 //
 // Threads    one at a time.
 // Ownership  a value lives in storage, which outlives it and the reading of it.
