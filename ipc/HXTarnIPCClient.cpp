@@ -72,8 +72,10 @@ struct HXTarnIPCClient::FrameReading {
     }
 
     void readOn(std::string_view payload) noexcept {
-        reader.add(payload.substr(taken));
-        taken = payload.size();
+        const bool isAll = payload.size() == header.length;
+        const size_t end = isAll ? payload.size() : std::max(taken, wholeCharacters(payload));
+        reader.add(payload.substr(taken, end - taken));
+        taken = end;
     }
 
     // None if the payload cannot be read. What is read next is another frame.

@@ -11,6 +11,7 @@
 #include <boost/json/storage_ptr.hpp>
 #include <boost/json/stream_parser.hpp>
 #include <boost/json/value.hpp>
+#include <cstddef>
 #include <optional>
 #include <string_view>
 
@@ -21,7 +22,8 @@ public:
     // Before the first piece of each text.
     void begin(boost::json::storage_ptr storage) noexcept;
 
-    // Takes the next piece; nothing once the text cannot be read any more.
+    // Takes the next piece, which begins where wholeCharacters has the last one end; nothing once
+    // the text cannot be read any more.
     void add(std::string_view piece) noexcept;
 
     // After the last piece. None if the text cannot be read.
@@ -31,3 +33,8 @@ private:
     boost::json::stream_parser parser;
     bool failed = false;
 };
+
+// How much of the beginning of a text may be a piece, if more follows: all but a character, or an
+// escape of one, that is not there as a whole. The parser of Boost 1.81, when it goes on within one
+// of those in a long string, writes up to three bytes beyond the end of a buffer of its own.
+[[nodiscard]] size_t wholeCharacters(std::string_view text) noexcept;

@@ -215,6 +215,23 @@ TEST_F(LargeFrameTest, IsRefusedWithItsLastByteAndNotBefore) {
     EXPECT_EQ(log.lines(), Lines{});
 }
 
+// A long text, with an escape in front, is cut within a character or an escape of one.
+TEST_F(LargeFrameTest, IsReadTheSameWhereverACharacterIsCut) {
+    const std::string before = "{\"text\":\"\\n" + std::string(70'000, 'a');
+    for (const std::string character :
+         {"\303\251", "\342\202\254", "\360\237\230\200", "\\u20ac", "\\ud83d\\ude00"}) {
+        const std::string bytes = frame(5, before + character + std::string(10'000, 'b') + "\"}");
+        ASSERT_TRUE(decode(bytes));
+        const std::string whole = log.lines().back();
+        const size_t place = bytes.find(character);
+        for (size_t cut = place; cut <= place + character.size(); ++cut) {
+            ASSERT_TRUE(decode(bytes.substr(0, cut)));
+            ASSERT_TRUE(decode(bytes));
+            EXPECT_TRUE(log.lines().back() == whole) << cut - place << " of " << character;
+        }
+    }
+}
+
 TEST_F(LargeFrameTest, FollowsAnotherInTheSameBytes) {
     const std::string first = frame(1, reply('a'));
     const std::string second = frame(2, reply('b'));

@@ -4,6 +4,7 @@
 
 #include <boost/json/serialize.hpp>
 #include <string>
+#include <utility>
 
 #include "ipc/json.h"
 #include "tests/support/failing_allocations.h"
@@ -71,6 +72,29 @@ TEST(JsonReader, ReadsTheNextTextWhateverBecameOfTheLast) {
         reader.add("ue]");
         EXPECT_EQ(written(reader.finish()), "[true]");
     }
+}
+
+TEST(JsonReader, PieceEndsBeforeACharacterOrAnEscapeThatIsNotThereAsAWhole) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"", ""},
+        {"a", "a"},
+        {"a\303", "a"},
+        {"a\303\251", "a\303\251"},
+        {"a\342\202", "a"},
+        {"a\342\202\254", "a\342\202\254"},
+        {"a\360\237\230", "a"},
+        {"a\360\237\230\200", "a\360\237\230\200"},
+        {"\251\251\251\251", "\251\251\251\251"},
+        {"a\\", "a\\"},
+        {"a\\n", "a\\n"},
+        {"a\\u", "a"},
+        {"a\\u00e", "a"},
+        {"a\\u00e9", "a\\u00e9"},
+        {"\\ud83d\\ude0", "\\ud83d"},
+        {"\\ud83d\\ude00", "\\ud83d\\ude00"},
+    };
+    for (const auto& [text, whole] : cases)
+        EXPECT_EQ(std::string_view(text).substr(0, wholeCharacters(text)), whole) << text;
 }
 
 TEST(JsonReader, NestingIsCountedAcrossThePieces) {
