@@ -133,6 +133,7 @@ missing_for_linting() {
     missing_for_benchmarks
     has clang-format-14 || echo clang-format-14
     has clang-tidy-14 || echo clang-tidy-14
+    has cppcheck || echo cppcheck
     has shellcheck || echo shellcheck
 }
 
