@@ -1,6 +1,8 @@
 #include "tests/kqueue/counted_allocations.h"
 
 #include <malloc.h>
+#include <sys/event.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -15,6 +17,12 @@ constinit std::atomic<size_t> inUse = 0;
 
 size_t bytesInUse() noexcept {
     return inUse;
+}
+
+size_t bytesInUseWithoutClosedQueues() {
+    close(::kqueue());
+    close(::kqueue());
+    return bytesInUse();
 }
 
 // The others, but for those of types with an alignment of their own, end up in these.

@@ -7,3 +7,6 @@
 // What operator new has handed out and operator delete has not had back, in bytes as malloc rounds
 // them. Any thread.
 [[nodiscard]] size_t bytesInUse() noexcept;
+
+// Without the bookkeeping of a kernel queue that is closed, which is freed with the next queue.
+[[nodiscard]] size_t bytesInUseWithoutClosedQueues();

@@ -1,16 +1,10 @@
-#include <netinet/in.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <ostream>
 
-#include "kqueue/HXKQueueAcceptedConnection.h"
-#include "kqueue/HXKQueueStreamSocket.h"
-#include "kqueue/HXKQueueTCPServer.h"
-#include "kqueue/HXKQueueUnixServer.h"
 #include "tests/kqueue/block_tokens.h"
 #include "tests/kqueue/counted_allocations.h"
 #include "tests/kqueue/echo_client_process.h"
+#include "tests/kqueue/echoing_server.h"
+#include "tests/kqueue/endpoint.h"
 #include "tests/kqueue/loop_fixture.h"
 #include "tests/kqueue/stress_scale.h"
 #include "tests/support/descriptor_limit.h"
@@ -20,62 +14,6 @@ namespace {
 // Less than a byte for each connection, so no source can hide in it. It is room for what
 // the C++ library keeps for itself once it has needed it.
 constexpr size_t kToleranceInBytes = 4 << 10;
-
-// The bookkeeping of a kernel queue that is closed is freed with the next queue.
-size_t bytesInUseWithoutClosedQueues() {
-    close(::kqueue());
-    close(::kqueue());
-    return bytesInUse();
-}
-
-// Where the server of a test listens.
-class Endpoint {
-public:
-    virtual ~Endpoint() = default;
-    [[nodiscard]] virtual std::shared_ptr<HXKQueueEventProtocol> listenOn(HXKQueue& loop) const = 0;
-    struct sockaddr_storage address = {};
-};
-
-class UnixEndpoint final : public Endpoint {
-public:
-    UnixEndpoint() {
-        auto* unixAddress = reinterpret_cast<struct sockaddr_un*>(&address);
-        unixAddress->sun_family = AF_UNIX;
-        path.copy(unixAddress->sun_path, sizeof unixAddress->sun_path - 1);
-    }
-
-    [[nodiscard]] std::shared_ptr<HXKQueueEventProtocol> listenOn(HXKQueue& loop) const override {
-        return loop.createUnixServer(path.c_str(), 0600);
-    }
-
-private:
-    TemporaryDirectory directory;
-    std::string path = directory.file("socket");
-};
-
-// Another socket keeps the port, without listening, until the end.
-class TcpEndpoint final : public Endpoint {
-public:
-    TcpEndpoint() : holder(socket(AF_INET, SOCK_STREAM, 0)) {
-        const int on = 1;
-        setsockopt(holder, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
-        setsockopt(holder, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        address = loopback(AF_INET, 0);
-        EXPECT_EQ(bind(holder, asSockaddr(address), sizeof(struct sockaddr_in)), 0);
-        socklen_t length = sizeof address;
-        getsockname(holder, reinterpret_cast<struct sockaddr*>(&address), &length);
-    }
-    TcpEndpoint(const TcpEndpoint&) = delete;
-    TcpEndpoint& operator=(const TcpEndpoint&) = delete;
-    ~TcpEndpoint() override { close(holder); }
-
-    [[nodiscard]] std::shared_ptr<HXKQueueEventProtocol> listenOn(HXKQueue& loop) const override {
-        return loop.createTCPServer(asSockaddr(address));
-    }
-
-private:
-    const int holder;
-};
 
 template <typename Kind>
 std::unique_ptr<Endpoint> make() {
@@ -89,27 +27,6 @@ struct Transport {
     // How the list of tests shows it.
     friend void PrintTo(const Transport& transport, std::ostream* out) { *out << transport.name; }
 };
-
-void echo(HXKQueue& loop, const std::shared_ptr<HXKQueueEventProtocol>& source, const char* bytes,
-          uint64_t size, int32_t code) {
-    if (code == HXKQueueEventData) loop.write(source, bytes, size);
-    if (code == HXKQueueEventTerminated) loop.stopObject(source);
-}
-
-HXKQueueEventBlock echoingServer(HXKQueue& loop, BlockTokens& tokens) {
-    return [&loop, &tokens](const auto& /*server*/, const char* bytes, auto /*size*/,
-                            auto* /*dropSize*/, int32_t /*code*/) {
-        const auto* accepted = reinterpret_cast<const HXKQueueAcceptedConnection*>(bytes);
-        loop.startObject(
-            loop.createStreamSocket(accepted->sock, true),
-            [&loop, token = tokens.issue()](const auto& source, const char* received, uint64_t size,
-                                            auto* /*dropSize*/, int32_t code) {
-                echo(loop, source, received, size, code);
-                return true;
-            });
-        return true;
-    };
-}
 
 class ManyConnections : public testing::TestWithParam<Transport> {};
 
