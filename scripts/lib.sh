@@ -127,6 +127,12 @@ missing_for_guard() {
     has valgrind || echo valgrind
 }
 
+missing_for_coverage() {
+    missing_for_testing
+    has clang++-14 || echo clang-14
+    has llvm-cov-14 || echo llvm-14
+}
+
 # Other versions of these two format and warn otherwise.
 missing_for_linting() {
     missing_for_testing
