@@ -16,6 +16,7 @@
 #include "ipc/json.h"
 #include "kqueue/HXKQueue.h"
 #include "platform/park.h"
+#include "platform/standard_descriptors.h"
 
 namespace {
 
@@ -178,9 +179,11 @@ OnData dataCallback(const ParsedCommand& command) {
     return listCallback(command);
 }
 
-// The callbacks are in place before start, which may run the connected callback at once.
+// The callbacks are in place before start, which may run the connected callback at once. Neither
+// the kernel queue nor the connection may be given a number that reports and messages are written
+// to.
 int runRequest(ParsedCommand command, const char* socketPath) {
-    auto loop = HXKQueue::initWithSubsystem(kSubsystem);
+    auto loop = occupyStandardDescriptors() ? HXKQueue::initWithSubsystem(kSubsystem) : nullptr;
     if (!loop) failWith("cannot initialize kqueue\n", kExitNoMemory);
     loop->start();
     auto client = HXTarnIPCClient::initWithKQueue(loop, socketPath);

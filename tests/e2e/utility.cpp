@@ -24,6 +24,13 @@ RunningProgram startUtility(const Words& words) {
     return RunningProgram(commandLine(words));
 }
 
+RunningProgram startUtilityByShell(const std::string& command, const Words& words) {
+    Words all{"/bin/sh", "-c", command, "sh"};
+    const Words last = commandLine(words);
+    all.insert(all.end(), last.begin(), last.end());
+    return RunningProgram(all);
+}
+
 Outcome runUtilityAgainst(std::string_view reply, const Words& words) {
     const ScriptedPeer peer;
     RunningProgram utility = startUtility(words);

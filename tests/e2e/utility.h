@@ -14,6 +14,10 @@ using Words = std::vector<std::string>;
 [[nodiscard]] Outcome runUtility(const Words& words);
 [[nodiscard]] RunningProgram startUtility(const Words& words);
 
+// As a command of a shell, which first makes the surroundings: in it "$@" is the utility with its
+// words.
+[[nodiscard]] RunningProgram startUtilityByShell(const std::string& command, const Words& words);
+
 // The utility's end when a scripted peer takes its request and then sends these bytes.
 [[nodiscard]] Outcome runUtilityAgainst(std::string_view reply, const Words& words);
 

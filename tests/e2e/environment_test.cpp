@@ -1,0 +1,85 @@
+// What the utility is started in: the descriptors, limits and signals that it inherits, and what
+// lies at the daemon's path.
+
+#include <gtest/gtest.h>
+
+#include "tests/e2e/control_path.h"
+#include "tests/e2e/scripted_peer.h"
+#include "tests/e2e/utility.h"
+
+namespace {
+
+const Words kList{"srv", "list"};
+const std::string kListRequest(8, '\0');
+const std::string kListReply = frame(
+    0, R"({"status":"ok","servers":[{"id":1,"host":"h","port":2,"state":"s","devices":[]}]})");
+const std::string kReport = "1 - h:2 - s\n";
+
+// What a person sees of a run, and what the daemon has been sent.
+struct Exchange {
+    Outcome outcome;
+    std::string sent;
+};
+
+class Environment : public ControlPathTest {
+protected:
+    // The peer answers the first eight bytes with reply.
+    static Exchange exchange(const std::string& command, const std::string& reply,
+                             const Words& words = kList) {
+        const ScriptedPeer peer;
+        RunningProgram utility = startUtilityByShell(command, words);
+        const UnixStream connection = peer.accept();
+        std::string sent = connection.receiveFrame();
+        EXPECT_TRUE(connection.send(reply));
+        sent += connection.receiveToEnd();
+        return {.outcome = utility.finish(), .sent = sent};
+    }
+};
+
+// The eight ways to begin without some of the three.
+struct Closed {
+    const char* redirections;
+    bool out;
+    bool err;
+};
+
+const std::vector<Closed> kClosed{
+    {.redirections = "", .out = false, .err = false},
+    {.redirections = "0<&-", .out = false, .err = false},
+    {.redirections = "1>&-", .out = true, .err = false},
+    {.redirections = "2>&-", .out = false, .err = true},
+    {.redirections = "0<&- 1>&-", .out = true, .err = false},
+    {.redirections = "0<&- 2>&-", .out = false, .err = true},
+    {.redirections = "1>&- 2>&-", .out = true, .err = true},
+    {.redirections = "0<&- 1>&- 2>&-", .out = true, .err = true},
+};
+
+TEST_F(Environment, WithoutStandardDescriptorsReportsAndMessagesGoNowhereElse) {
+    for (const Closed& closed : kClosed) {
+        const std::string command = std::string("exec \"$@\" ") + closed.redirections;
+        const auto [listed, request] = exchange(command, kListReply);
+        EXPECT_EQ(request, kListRequest) << command;
+        EXPECT_EQ(listed, printed(closed.out ? "" : kReport)) << command;
+
+        const auto [failed, failedRequest] = exchange(command, frame(0, "x"));
+        EXPECT_EQ(failedRequest, kListRequest) << command;
+        EXPECT_EQ(failed, failedWith(5, closed.err ? "" : "cannot parse protocol")) << command;
+    }
+}
+
+TEST_F(Environment, WithoutStandardDescriptorsStatusesAreTheSame) {
+    for (const Closed& closed : kClosed) {
+        const std::string command = std::string("exec \"$@\" ") + closed.redirections;
+        EXPECT_EQ(startUtilityByShell(command, kList).finish(),
+                  failedWith(12, closed.err ? "" : "cannot connect to the daemon\n"))
+            << command;
+        EXPECT_EQ(startUtilityByShell(command, {"dev", "plug", "7"}).finish(),
+                  failedWith(22, closed.err ? "" : "Error: server is not specified.\n"))
+            << command;
+        EXPECT_EQ(startUtilityByShell(command, {"-h"}).finish(),
+                  printed(closed.out ? "" : usageText()))
+            << command;
+    }
+}
+
+}  // namespace
