@@ -1,12 +1,12 @@
 #include "platform/thread.h"
 
-#include <csignal>
+#include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <new>
 #include <semaphore>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 struct ThreadObject::State {
@@ -48,18 +48,61 @@ private:
     sigset_t previous{};
 };
 
+// Of a detached thread. The system's own size may be as little as a limit on the main thread's
+// stack allows; a report's buffer and a reply as deep as is read take up to 96 KiB.
+class Attributes {
+public:
+    Attributes() noexcept : usable(pthread_attr_init(&attributes) == 0) {
+        if (!usable) return;
+        size_t stack = 0;
+        pthread_attr_getstacksize(&attributes, &stack);
+        pthread_attr_setstacksize(&attributes, std::max(stack, kLeastStack));
+        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    }
+    ~Attributes() {
+        if (usable) pthread_attr_destroy(&attributes);
+    }
+    Attributes(const Attributes&) = delete;
+    Attributes& operator=(const Attributes&) = delete;
+
+    // Null when there are none to be had.
+    [[nodiscard]] const pthread_attr_t* get() const noexcept {
+        return usable ? &attributes : nullptr;
+    }
+
+private:
+    static constexpr size_t kLeastStack = size_t{1} << 20;
+
+    pthread_attr_t attributes{};
+    const bool usable;
+};
+
+// Runs start(given) on a thread of its own. False when there is none to be had.
+bool startThread(void* (*start)(void*), void* given) noexcept {
+    const Attributes attributes;
+    const AsynchronousSignalsBlocked whileTheThreadIsMade;
+    pthread_t thread;
+    return attributes.get() != nullptr &&
+           pthread_create(&thread, attributes.get(), start, given) == 0;
+}
+
 }  // namespace
 
 std::unique_ptr<ThreadObject> ThreadObject::create(std::function<void()> routine) noexcept {
+    using Shared = std::shared_ptr<State>;
+    const auto run = [](void* given) noexcept -> void* {
+        const std::unique_ptr<Shared> own(static_cast<Shared*>(given));
+        (*own)->run();
+        return nullptr;
+    };
     try {
-        auto state = std::make_shared<State>(std::move(routine));
+        const auto state = std::make_shared<State>(std::move(routine));
         std::unique_ptr<ThreadObject> object(new ThreadObject(state));
-        const AsynchronousSignalsBlocked whileTheThreadIsMade;
-        std::thread([state] { state->run(); }).detach();
+        auto given = std::make_unique<Shared>(state);
+        if (!startThread(run, given.get())) return nullptr;
+        static_cast<void>(given.release());  // the thread's
         return object;
     } catch (const std::bad_alloc&) {
-        return nullptr;
-    } catch (const std::system_error&) {
         return nullptr;
     }
 }

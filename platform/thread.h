@@ -2,7 +2,8 @@
 //
 // The system's thread exists from creation on and waits for start, so that a lack of threads or
 // memory shows while the caller can still report it. Every signal but those of the thread's own
-// faults is blocked on it: handlers run on the program's other threads.
+// faults is blocked on it: handlers run on the program's other threads. Its stack has at least 1
+// MiB, however little the program's main thread is allowed.
 //
 // Threads    all operations may be called from any thread; start at most once.
 // Ownership  the object may be destroyed at any time, also by its own routine: a running routine

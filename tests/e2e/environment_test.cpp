@@ -15,6 +15,34 @@ const std::string kListReply = frame(
     0, R"({"status":"ok","servers":[{"id":1,"host":"h","port":2,"state":"s","devices":[]}]})");
 const std::string kReport = "1 - h:2 - s\n";
 
+// A list reply with so many devices, and its report.
+struct List {
+    std::string reply;
+    std::string report;
+};
+
+List listOf(size_t devices) {
+    std::string records;
+    List list{.reply = "", .report = kReport};
+    for (size_t id = 1; id <= devices; ++id) {
+        const std::string number = std::to_string(id);
+        records += (id > 1 ? "," : "") +
+                   (R"({"id":)" + number + R"(,"name":"n","vid":1,"pid":2,"rev":3,"port":"1-1",)") +
+                   R"("serial":"","state":"s"})";
+        list.report += " " + number + "\t0001:0002:0003\t1-1\tn /s/\n";
+    }
+    list.reply = frame(
+        0, R"({"status":"ok","servers":[{"id":1,"host":"h","port":2,"state":"s","devices":[)" +
+               records + "]}]}");
+    return list;
+}
+
+// A list reply whose servers are as deep as that.
+std::string nestedList(size_t depth) {
+    return frame(0, R"({"status":"ok","servers":)" + std::string(depth - 1, '[') +
+                        std::string(depth - 1, ']') + "}");
+}
+
 // What a person sees of a run, and what the daemon has been sent.
 struct Exchange {
     Outcome outcome;
@@ -23,16 +51,16 @@ struct Exchange {
 
 class Environment : public ControlPathTest {
 protected:
-    // The peer answers the first eight bytes with reply.
+    // The peer answers the request with reply.
     static Exchange exchange(const std::string& command, const std::string& reply,
                              const Words& words = kList) {
         const ScriptedPeer peer;
         RunningProgram utility = startUtilityByShell(command, words);
         const UnixStream connection = peer.accept();
-        std::string sent = connection.receiveFrame();
+        const std::string request = connection.receiveFrame();
         EXPECT_TRUE(connection.send(reply));
-        sent += connection.receiveToEnd();
-        return {.outcome = utility.finish(), .sent = sent};
+        const Outcome outcome = utility.finish();
+        return {.outcome = outcome, .sent = request + connection.receiveToEnd()};
     }
 };
 
@@ -80,6 +108,15 @@ TEST_F(Environment, WithoutStandardDescriptorsStatusesAreTheSame) {
                   printed(closed.out ? "" : usageText()))
             << command;
     }
+}
+
+// 64 KiB are about what the system takes to start any program.
+TEST_F(Environment, TinyStackLimitChangesNothing) {
+    const std::string command = "ulimit -s 64 && exec \"$@\"";
+    const List list = listOf(5'000);
+    EXPECT_EQ(exchange(command, list.reply).outcome, printed(list.report));
+    EXPECT_EQ(exchange(command, nestedList(512)).outcome, silentSuccess());
+    EXPECT_EQ(exchange(command, nestedList(513)).outcome, failedWith(5, "cannot parse protocol"));
 }
 
 }  // namespace
