@@ -1,8 +1,10 @@
-// Builds a report's lines in a buffer of its own and passes them to a C stream in large pieces. A
-// report may have millions of lines: nothing is allocated, and no format is interpreted.
+// Builds a report's lines in a buffer of its own and writes them in large pieces to the file that a
+// C stream stands for, behind what the stream was given before. A report may have millions of
+// lines: nothing is allocated, and no format is interpreted.
 //
 // Threads    one at a time.
-// Errors     none are told: what the stream does not take is lost, as with printf.
+// Errors     none are told: from the first byte on that the file does not take, all is lost. A file
+//            that takes nothing at the moment is waited for, also in non-blocking mode.
 #pragma once
 
 #include <array>
@@ -36,7 +38,7 @@ public:
     // As "%04x": four digits, lower-case.
     ReportWriter& hex(uint16_t number) noexcept;
 
-    // Passes on what is still in the buffer.
+    // Writes what is still in the buffer.
     void flush() noexcept;
 
 private:
@@ -50,8 +52,10 @@ private:
     }
 
     void appendBeyond(const char* bytes, size_t size) noexcept;
+    void passOn(const char* bytes, size_t size) noexcept;
 
     std::FILE* stream;
+    bool failed = false;
     size_t used = 0;
     std::array<char, 65536> buffer;  // as much as a pipe holds
 };

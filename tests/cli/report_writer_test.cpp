@@ -1,11 +1,18 @@
 #include "cli/report_writer.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sched.h>
+#include <unistd.h>
 
+#include <array>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "tests/support/captured_run.h"
+#include "tests/support/descriptors.h"
 
 namespace {
 
@@ -18,6 +25,14 @@ std::string written(const std::function<void(ReportWriter&)>& write) {
                report.flush();
            })
         .out;
+}
+
+std::string readToEnd(int fd) {
+    std::string bytes;
+    std::array<char, 65536> piece;
+    for (ssize_t size = 0; (size = read(fd, piece.data(), piece.size())) > 0;)
+        bytes.append(piece.data(), static_cast<size_t>(size));
+    return bytes;
 }
 
 TEST(ReportWriter, NumbersAreAsPrintfWritesThem) {
@@ -71,6 +86,34 @@ TEST(ReportWriter, WhatIsLeftIsWrittenAtTheEndOfTheWriter) {
                   std::fputs("after", stdout);
               }).out,
               "line\nafter");
+}
+
+// Nothing reads from the pipe before it is full. The writer's end is the same file as the child's
+// standard output, which may be non-blocking because another program wants it so.
+TEST(ReportWriter, NonBlockingPipeThatIsFullIsWaitedFor) {
+    const std::string text(300'000, 'x');
+    const Outcome outcome = runInChild([&] {
+        const auto [readEnd, writeEnd] = makePipe();
+        fcntl(writeEnd, F_SETFL, O_NONBLOCK);
+        const int original = dup(STDOUT_FILENO);
+        dup2(writeEnd, STDOUT_FILENO);
+        std::string read;
+        std::thread reader([&, from = readEnd, full = writeEnd] {
+            pollfd room{.fd = full, .events = POLLOUT, .revents = 0};
+            while (poll(&room, 1, 0) == 1)
+                sched_yield();
+            close(full);
+            read = readToEnd(from);
+        });
+        {
+            ReportWriter report(stdout);
+            report.text(text).text(text).literal("end");
+        }
+        dup2(original, STDOUT_FILENO);
+        reader.join();
+        std::fputs(read.c_str(), stdout);
+    });
+    EXPECT_TRUE(outcome.out == text + text + "end") << outcome.out.size();
 }
 
 }  // namespace
