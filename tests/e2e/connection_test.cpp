@@ -1,6 +1,10 @@
 // Daemons that are not there, and daemons that go away.
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -9,10 +13,12 @@
 #include "tests/e2e/control_path.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
+#include "tests/support/descriptors.h"
 
 namespace {
 
 constexpr int kRuns = 200;
+constexpr int kCannotTry = 111;
 
 const Words kList{"srv", "list"};
 const Words kPlug{"dev", "plug", "3:7"};
@@ -40,6 +46,66 @@ TEST_F(Connection, FileThatIsNoSocketExits12) {
     std::filesystem::remove(kControlPath);
     std::filesystem::create_directory(kControlPath);
     EXPECT_EQ(runUtility(kList), kCannotConnect);
+}
+
+TEST_F(Connection, SocketOfAnotherKindExits12) {
+    for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
+        std::filesystem::remove(kControlPath);
+        const int sock = makeSocket(AF_UNIX, type);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::string_view(kControlPath).copy(address.sun_path, sizeof address.sun_path - 1);
+        ASSERT_EQ(bind(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(runUtility(kList), kCannotConnect) << type;
+        EXPECT_TRUE(std::filesystem::is_socket(kControlPath));
+        close(sock);
+    }
+}
+
+TEST_F(Connection, LinkIsFollowedToTheDaemonAndNowhereElse) {
+    const std::string moved = std::string(kControlPath) + ".moved";
+    {
+        const ScriptedPeer peer;
+        std::filesystem::rename(kControlPath, moved);
+        std::filesystem::create_symlink(moved, kControlPath);
+        RunningProgram utility = startUtility(kList);
+        UnixStream connection = peer.accept();
+        EXPECT_EQ(connection.receiveFrame().size(), 8U);
+        EXPECT_TRUE(connection.send(frame(0, R"({"status":"ok","servers":[]})")));
+        EXPECT_EQ(utility.finish(), silentSuccess());
+    }
+    std::filesystem::remove(moved);
+    EXPECT_EQ(runUtility(kList), kCannotConnect);  // a link to nothing
+    std::filesystem::remove(kControlPath);
+    std::filesystem::create_symlink(kControlPath, kControlPath);
+    EXPECT_EQ(runUtility(kList), kCannotConnect);
+}
+
+TEST_F(Connection, SocketFileThatIsReplacedMeanwhileChangesNothing) {
+    const ScriptedPeer peer;
+    RunningProgram utility = startUtility(kList);
+    const UnixStream connection = peer.accept();
+    EXPECT_EQ(connection.receiveFrame().size(), 8U);
+    std::filesystem::remove(kControlPath);
+    std::ofstream(kControlPath) << "precious";
+    EXPECT_TRUE(connection.send(frame(0, R"({"status":"ok","servers":[]})")));
+    EXPECT_EQ(utility.finish(), silentSuccess());
+    EXPECT_EQ(std::filesystem::file_size(kControlPath), 8U);
+}
+
+// For the superuser every file is his own, so another user has to try.
+TEST_F(Connection, SocketWithoutPermissionExits12) {
+    constexpr uid_t kNobody = 65'534;
+    const ScriptedPeer peer;
+    std::filesystem::permissions(kControlPath, std::filesystem::perms::owner_all);
+    const Outcome outcome = runInChild([] {
+        if (geteuid() == 0 && (setgid(kNobody) != 0 || setuid(kNobody) != 0)) _exit(kCannotTry);
+        if (geteuid() != kNobody && chmod(kControlPath, 0) != 0) _exit(kCannotTry);
+        execl(UTILITY_PROGRAM, UTILITY_PROGRAM, "srv", nullptr);
+        _exit(kCannotTry);
+    });
+    if (outcome.status == kCannotTry) GTEST_SKIP() << "left out: there is no other user to be had";
+    EXPECT_EQ(outcome, kCannotConnect);
 }
 
 TEST_F(Connection, DaemonWithoutRoomForAnotherClientExits12) {

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+
 #include "tests/e2e/control_path.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
@@ -110,6 +112,29 @@ TEST_F(Environment, WithoutStandardDescriptorsStatusesAreTheSame) {
     }
 }
 
+TEST_F(Environment, OutputThatTakesNothingChangesNoStatus) {
+    const std::string command = "exec \"$@\" >/dev/full 2>/dev/full";
+    for (const std::string& reply : {kListReply, listOf(5'000).reply})
+        EXPECT_EQ(exchange(command, reply).outcome, silentSuccess());
+    EXPECT_EQ(exchange(command, frame(0, "x")).outcome, failedWith(5, ""));
+    EXPECT_EQ(startUtilityByShell(command, {"-h"}).finish(), silentSuccess());
+    EXPECT_EQ(startUtilityByShell(command, {"-x"}).finish(), failedWith(22, ""));
+    EXPECT_EQ(startUtilityByShell(command, kList).finish(), failedWith(12, ""));
+}
+
+TEST_F(Environment, OutputWhoseReaderIsGoneChangesNoStatus) {
+    const std::string command =
+        "{ \"$@\"; echo status $? >&3; } 3>&2 2>&1 | { exec <&-; echo the reader is gone; }";
+    for (const std::string& reply : {kListReply, listOf(5'000).reply, frame(0, "x")}) {
+        const ScriptedPeer peer;
+        RunningProgram utility = startUtilityByShell(command, kList);
+        const UnixStream connection = peer.accept();
+        EXPECT_TRUE(utility.waitForOutput("the reader is gone\n"));
+        EXPECT_TRUE(connection.send(reply));
+        EXPECT_EQ(utility.finish().err, reply.size() > 9 ? "status 0\n" : "status 5\n");
+    }
+}
+
 // 64 KiB are about what the system takes to start any program.
 TEST_F(Environment, TinyStackLimitChangesNothing) {
     const std::string command = "ulimit -s 64 && exec \"$@\"";
@@ -117,6 +142,43 @@ TEST_F(Environment, TinyStackLimitChangesNothing) {
     EXPECT_EQ(exchange(command, list.reply).outcome, printed(list.report));
     EXPECT_EQ(exchange(command, nestedList(512)).outcome, silentSuccess());
     EXPECT_EQ(exchange(command, nestedList(513)).outcome, failedWith(5, "cannot parse protocol"));
+}
+
+TEST_F(Environment, FileCreationMaskThatAllowsNothingChangesNothing) {
+    EXPECT_EQ(exchange("umask 777 && exec \"$@\"", kListReply).outcome, printed(kReport));
+}
+
+TEST_F(Environment, NeitherVariablesNorADirectoryAreNeeded) {
+    const std::string command =
+        "directory=$(mktemp -d) && cd \"$directory\" && rmdir \"$directory\" && exec env -i \"$@\"";
+    EXPECT_EQ(exchange(command, kListReply).outcome, printed(kReport));
+}
+
+TEST_F(Environment, SignalsThatEndNothingChangeNothing) {
+    const std::string report = listOf(3).report;
+    const ScriptedPeer peer;
+    RunningProgram utility = startUtility(kList);
+    const UnixStream connection = peer.accept();
+    EXPECT_EQ(connection.receiveFrame(), kListRequest);
+    for (const char byte : listOf(3).reply) {
+        for (const int number : {SIGSTOP, SIGCONT, SIGURG, SIGCHLD, SIGWINCH})
+            utility.signal(number);
+        EXPECT_TRUE(connection.send({&byte, 1}));
+        for (const int number : {SIGWINCH, SIGSTOP, SIGCONT})
+            utility.signal(number);
+    }
+    EXPECT_EQ(utility.finish(), printed(report));
+}
+
+TEST_F(Environment, IgnoredSignalsStayIgnored) {
+    const ScriptedPeer peer;
+    RunningProgram utility = startUtilityByShell("trap '' HUP INT TERM PIPE && exec \"$@\"", kList);
+    const UnixStream connection = peer.accept();
+    EXPECT_EQ(connection.receiveFrame(), kListRequest);
+    for (const int number : {SIGHUP, SIGINT, SIGTERM, SIGPIPE})
+        utility.signal(number);
+    EXPECT_TRUE(connection.send(kListReply));
+    EXPECT_EQ(utility.finish(), printed(kReport));
 }
 
 }  // namespace

@@ -1,0 +1,72 @@
+// Less and less memory, until there is not enough for anything.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+
+#include "tests/e2e/daemon_on_control_path.h"
+#include "tests/e2e/utility.h"
+
+namespace {
+
+constexpr int kDevices = 5'000;
+constexpr int kStepKiB = 512;
+constexpr int kEnoughKiB = 128 << 10;
+
+std::string inventory() {
+    std::string text = R"({"servers":[{"id":3,"host":"box","devices":[)";
+    for (int id = 1; id <= kDevices; ++id)
+        text += (id > 1 ? ",{\"id\":" : "{\"id\":") + std::to_string(id) +
+                R"(,"name":"Maus","vid":1133,"pid":49271,"port":"1-1"})";
+    return text + "]}]}";
+}
+
+class AddressSpace : public WithSimulatedDaemon {
+protected:
+    static Outcome runWithin(int limitKiB) {
+        return startUtilityByShell("ulimit -v " + std::to_string(limitKiB) + " && exec \"$@\"",
+                                   {"srv"})
+            .finish();
+    }
+};
+
+using Ends = std::map<std::string, int>;  // how often each was seen
+
+TEST_F(AddressSpace, EveryLimitEndsTheUtilityInOneOfItsWays) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "left out: a sanitizer needs terabytes";
+#endif
+    std::ofstream(directory / "inventory.json") << inventory();
+    const RunningProgram daemon = start();
+    const Outcome whole = runWithin(kEnoughKiB);
+    ASSERT_EQ(whole.status, 0) << whole.err;
+    ASSERT_GT(whole.out.size(), size_t{kDevices} * 30);
+
+    Ends ends;
+    for (int limit = 6 << 10; ends["the report"] < 8 && limit < kEnoughKiB; limit += kStepKiB) {
+        const Outcome outcome = runWithin(limit);
+        if (outcome == whole)
+            ++ends["the report"];
+        else if (outcome == failedWith(12, "cannot initialize kqueue\n"))
+            ++ends["no loop"];
+        else if (outcome == failedWith(12, "cannot connect to the daemon\n"))
+            ++ends["no client"];
+        else if (outcome == failedWith(5, "connection terminated\n"))
+            ++ends["no room for the reply"];
+        else if (outcome == failedWith(5, "cannot parse protocol"))
+            ++ends["no room for its values"];
+        else if (outcome == silentSuccess() || outcome == printed("3 - box:33000 - connected\n"))
+            ++ends["no room to sort the servers, or the devices"];
+        else
+            ADD_FAILURE() << limit << " KiB: " << testing::PrintToString(outcome);
+    }
+    EXPECT_GE(ends["no loop"], 1);
+    EXPECT_GE(ends["no room for the reply"], 1);
+    EXPECT_GE(ends["no room for its values"], 1);
+    EXPECT_GE(ends["the report"], 8);
+    for (const auto& [end, count] : ends)
+        RecordProperty(end, count);
+}
+
+}  // namespace
