@@ -8,10 +8,14 @@
 #include "tests/e2e/control_path.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
+#include "tests/kqueue/stress_scale.h"
 
 namespace {
 
 constexpr size_t kLongestPayload = 104'857'600;
+// The program itself, and 16 MiB of pages that are at hand before they are used.
+constexpr size_t kOtherMemory = size_t{32} << 20;
+
 constexpr uint32_t kHighestId = 4'000'000'000;
 
 // A list reply that fills its frame, with what the utility shall print of it.
@@ -63,24 +67,63 @@ void sendInOddPieces(const UnixStream& connection, std::string_view bytes) {
 
 class LargeReplyTest : public ControlPathTest {};
 
-TEST_F(LargeReplyTest, OneOf100MiBInOddPiecesPrintsTheWholeReport) {
-    const LargeReply reply = makeLargeReply(kLongestPayload);
-    ASSERT_EQ(reply.frame.size(), kLongestPayload + 8);
+// A sanitizer keeps books on all memory, in as much memory again.
+void expectPeakOfAtMost(size_t bytes, const RunningProgram& utility) {
+    testing::Test::RecordProperty("peakBytes", std::to_string(utility.peakMemory()));
+    if (stress::kAddressSanitizer || stress::kThreadSanitizer) return;
+    EXPECT_LE(utility.peakMemory(), bytes + kOtherMemory);
+}
+
+TEST_F(LargeReplyTest, OneOf100MiBInOddPiecesPrintsTheWholeReportInSevenTimesThatMemory) {
     const ScriptedPeer peer;
-    RunningProgram utility = startUtility({"srv"});
+    RunningProgram utility = startUtility({"srv"});  // before this process itself needs memory
     const UnixStream connection = peer.accept();
     ASSERT_EQ(connection.receiveFrame().size(), 8U);
+    const LargeReply reply = makeLargeReply(kLongestPayload);
+    ASSERT_EQ(reply.frame.size(), kLongestPayload + 8);
     sendInOddPieces(connection, reply.frame);
     const Outcome outcome = utility.finish();
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.err, "");
     EXPECT_EQ(outcome.out.size(), reply.tree.size());
     EXPECT_TRUE(outcome.out == reply.tree);  // not EXPECT_EQ, which would print both
+    expectPeakOfAtMost(7 * kLongestPayload, utility);
 }
 
-TEST_F(LargeReplyTest, OneOf100MiBOfOpeningBracketsEndsCleanly) {
-    EXPECT_EQ(runUtilityAgainst(frame(0, std::string(kLongestPayload, '[')), {"srv"}),
-              failedWith(5, "cannot parse protocol"));
+// A value of two bytes takes twelve times as much where the reader collects the elements of an
+// array, and once more where they then live. Nothing takes more.
+TEST_F(LargeReplyTest, SmallestValuesTakeTwentyFiveTimesTheirSize) {
+    constexpr size_t kSize = size_t{8} << 20;
+    const ScriptedPeer peer;
+    RunningProgram utility = startUtility({"srv"});
+    const UnixStream connection = peer.accept();
+    ASSERT_EQ(connection.receiveFrame().size(), 8U);
+    std::string payload = R"({"status":"ok","servers":[)";
+    while (payload.size() < kSize)
+        payload += "0,";
+    payload += "0]}";
+    EXPECT_TRUE(connection.send(frame(0, payload)));
+    EXPECT_EQ(utility.finish(), silentSuccess());
+    expectPeakOfAtMost(25 * payload.size(), utility);
+}
+
+// What cannot be read is kept until the frame is complete, and nothing besides.
+TEST_F(LargeReplyTest, OneOf100MiBOfNestingEndsCleanlyInOneAndAHalfTimesThatMemory) {
+    for (const char* opening : {"[", "{\"a\":"}) {
+        const ScriptedPeer peer;
+        RunningProgram utility = startUtility({"srv"});
+        const UnixStream connection = peer.accept();
+        ASSERT_EQ(connection.receiveFrame().size(), 8U);
+        std::string payload;
+        payload.reserve(kLongestPayload);
+        while (payload.size() < kLongestPayload)
+            payload += opening;
+        payload.resize(kLongestPayload);
+        EXPECT_TRUE(connection.send(frameHeader(0, kLongestPayload)));
+        EXPECT_TRUE(connection.send(payload));
+        EXPECT_EQ(utility.finish(), failedWith(5, "cannot parse protocol"));
+        expectPeakOfAtMost(kLongestPayload / 2 * 3, utility);
+    }
 }
 
 }  // namespace

@@ -43,4 +43,12 @@ inline constexpr size_t kLoopsAtOnce = kEmulated ? 40 : 200;
 // Sources that eight threads share.
 inline constexpr size_t kSharedSources = 1'000;
 
+// Frames that nobody waits for, in front of the one that is waited for.
+inline constexpr size_t kFrames =
+    kThreadSanitizer || kAddressSanitizer || kEmulated ? 50'000 : 1'000'000;
+
+// Devices of a kilobyte in one reply.
+inline constexpr size_t kLargeDevices =
+    kThreadSanitizer || kAddressSanitizer || kEmulated ? 2'000 : 100'000;
+
 }  // namespace stress

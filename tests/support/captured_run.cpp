@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include <utility>
 
 #include "tests/support/descriptors.h"
+#include "tests/support/peak_memory.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX has no header declare it
 
@@ -111,7 +113,7 @@ void drain(int& fd, std::string& text) {
     }
 }
 
-Outcome collect(pid_t pid, int& out, int& err) {
+Outcome collect(pid_t pid, int& out, int& err, size_t& peak) {
     Outcome outcome;
     while (out != -1 || err != -1) {
         std::array<pollfd, 2> waiting{{{out, POLLIN, 0}, {err, POLLIN, 0}}};
@@ -120,8 +122,10 @@ Outcome collect(pid_t pid, int& out, int& err) {
         if (waiting[1].revents != 0) drain(err, outcome.err);
     }
     int status = 0;
-    while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
+    struct rusage usage {};
+    while (wait4(pid, &status, 0, &usage) == -1 && errno == EINTR) {
     }
+    peak = peakBytes(usage);
     outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return outcome;
 }
@@ -130,12 +134,14 @@ Outcome collect(pid_t pid, int& out, int& err) {
 
 Outcome runInChild(const std::function<void()>& body) {
     Child child = forkInto(body);
-    return collect(child.pid, child.out, child.err);
+    size_t peak = 0;
+    return collect(child.pid, child.out, child.err, peak);
 }
 
 Outcome runProgram(const std::vector<std::string>& arguments) {
     Child child = spawn(arguments);
-    return collect(child.pid, child.out, child.err);
+    size_t peak = 0;
+    return collect(child.pid, child.out, child.err, peak);
 }
 
 RunningProgram::RunningProgram(const std::vector<std::string>& arguments) {
@@ -149,12 +155,13 @@ RunningProgram::RunningProgram(RunningProgram&& other) noexcept
     : child(std::exchange(other.child, -1)),
       outPipe(std::exchange(other.outPipe, -1)),
       errPipe(std::exchange(other.errPipe, -1)),
-      seen(std::move(other.seen)) {}
+      seen(std::move(other.seen)),
+      peak(other.peak) {}
 
 RunningProgram::~RunningProgram() {
     if (child == -1) return;
     kill(child, SIGKILL);
-    collect(child, outPipe, errPipe);
+    collect(child, outPipe, errPipe, peak);
 }
 
 void RunningProgram::signal(int number) const {
@@ -174,7 +181,7 @@ bool RunningProgram::waitForOutput(std::string_view text) {
 }
 
 Outcome RunningProgram::finish() {
-    Outcome outcome = collect(child, outPipe, errPipe);
+    Outcome outcome = collect(child, outPipe, errPipe, peak);
     outcome.out.insert(0, seen);
     child = -1;
     return outcome;

@@ -1,6 +1,7 @@
 // Runs code that ends its process, or a program, and tells all that a person would have seen.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -40,6 +41,9 @@ public:
     [[nodiscard]] bool waitForOutput(std::string_view text);
 
     [[nodiscard]] Outcome finish();
+
+    // Of a program that has finished; at least what this process had in use when it started it.
+    [[nodiscard]] size_t peakMemory() const { return peak; }
     [[nodiscard]] int pid() const { return child; }
 
 private:
@@ -47,4 +51,5 @@ private:
     int outPipe = -1;
     int errPipe = -1;
     std::string seen;  // of its standard output, by waitForOutput
+    size_t peak = 0;
 };

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -99,6 +100,26 @@ bool UnixStream::send(std::string_view bytes) const {
     return true;
 }
 
+bool UnixStream::sendUrgently(std::string_view bytes) const {
+    return sendQuietly(sock, bytes, MSG_OOB) == static_cast<ssize_t>(bytes.size());
+}
+
+bool UnixStream::sendDescriptor(std::string_view bytes, int descriptor) const {
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof descriptor)> control{};
+    iovec data{.iov_base = const_cast<char*>(bytes.data()), .iov_len = bytes.size()};
+    msghdr message{};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof descriptor);
+    std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+    return sendmsg(sock, &message, 0) == static_cast<ssize_t>(bytes.size());
+}
+
 void UnixStream::waitUntilTaken() const {
     const Clock::time_point deadline = Clock::now() + kPatience;
     while (outgoingBytes(sock).value_or(0) > 0) {
@@ -134,6 +155,10 @@ bool UnixStream::isSilent() const {
 
 void UnixStream::closeSending() const {
     shutdown(sock, SHUT_WR);
+}
+
+void UnixStream::closeReceiving() const {
+    shutdown(sock, SHUT_RD);
 }
 
 void UnixStream::close() {

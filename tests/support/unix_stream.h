@@ -29,6 +29,13 @@ public:
     // False when the other end is gone.
     [[nodiscard]] bool send(std::string_view bytes) const;
 
+    // False when the other end is gone, or the system sends no such bytes. The last byte goes out
+    // of band.
+    [[nodiscard]] bool sendUrgently(std::string_view bytes) const;
+
+    // Along with the bytes, which must not be empty.
+    [[nodiscard]] bool sendDescriptor(std::string_view bytes, int descriptor) const;
+
     // Returns once the other end has read all that was sent, or has closed; at once where the
     // system cannot tell (outgoing_bytes.h), so that what is sent next may be read together with
     // it.
@@ -46,6 +53,7 @@ public:
     [[nodiscard]] bool isSilent() const;
 
     void closeSending() const;
+    void closeReceiving() const;
     void close();
 
 private:
