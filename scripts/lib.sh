@@ -127,10 +127,21 @@ missing_for_guard() {
     has valgrind || echo valgrind
 }
 
+# The runtimes of clang 14, for its fuzzer, sanitizers and counters: one package.
+has_clang_runtimes() { compgen -G "/usr/lib/llvm-14/lib/clang/14*/include/fuzzer/FuzzedDataProvider.h" >/dev/null; }
+
 missing_for_coverage() {
     missing_for_testing
     has clang++-14 || echo clang-14
+    has_clang_runtimes || echo libclang-rt-14-dev
     has llvm-cov-14 || echo llvm-14
+}
+
+missing_for_fuzzing() {
+    missing_for_building
+    has clang++-14 || echo clang-14
+    has_clang_runtimes || echo libclang-rt-14-dev
+    has llvm-symbolizer-14 || echo llvm-14
 }
 
 # Other versions of these two format and warn otherwise.
@@ -139,6 +150,7 @@ missing_for_linting() {
     missing_for_benchmarks
     has clang-format-14 || echo clang-format-14
     has clang-tidy-14 || echo clang-tidy-14
+    has_clang_runtimes || echo libclang-rt-14-dev
     has cppcheck || echo cppcheck
     has shellcheck || echo shellcheck
 }
