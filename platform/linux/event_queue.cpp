@@ -80,6 +80,10 @@ void pauseWhenRefused() {
     nanosleep(&pause, nullptr);
 }
 
+void addOnce(std::vector<int>& fds, int fd) {
+    if (std::find(fds.begin(), fds.end(), fd) == fds.end()) fds.push_back(fd);
+}
+
 bool isValid(const struct timespec& time) {
     return time.tv_sec >= 0 && time.tv_nsec >= 0 && time.tv_nsec < kPerSecond;
 }
@@ -203,11 +207,13 @@ int EventQueue::addFilter(Descriptor& descriptor, const struct kevent& change) {
 // is the probes list.
 bool EventQueue::enlist(const Descriptor& descriptor, int16_t filter, uint64_t serial) {
     if (isAlwaysReady(descriptor.kind)) {
-        if (std::find(files.begin(), files.end(), descriptor.fd) == files.end())
-            files.push_back(descriptor.fd);
+        addOnce(files, descriptor.fd);
         return false;
     }
-    if (filter != EVFILT_WRITE) return false;
+    if (filter != EVFILT_WRITE) {
+        if (descriptor.kind == DescriptorKind::OtherSocket) addOnce(datagrams, descriptor.fd);
+        return false;
+    }
     probes.push_back({.fd = descriptor.fd, .filter = filter, .serial = serial});
     return true;
 }
@@ -225,6 +231,7 @@ int EventQueue::collect(std::span<struct kevent> room, const struct timespec* ti
     if (timeout) end = TimerSet::now() + toNanoseconds(*timeout);
     try {
         if (!lookAgainAtLeftovers()) return -1;
+        wakeDatagrams();
         for (;;) {
             lookAtFiles();
             if (!waitForReadiness(waitingTime(end))) return -1;
@@ -333,6 +340,15 @@ bool EventQueue::lookAgainAtLeftovers() {
     }
     ready.resize(kept);
     return true;
+}
+
+void EventQueue::wakeDatagrams() noexcept {
+    std::erase_if(datagrams, [this](int fd) {
+        Descriptor* descriptor = table.find(fd);
+        if (!descriptor || descriptor->kind != DescriptorKind::OtherSocket) return true;
+        if (std::exchange(descriptor->dozing, false)) table.watch(*descriptor);
+        return !descriptor->read.present;
+    });
 }
 
 // At its end a regular file is silent; the null device has ended.

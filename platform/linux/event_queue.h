@@ -13,7 +13,8 @@
 //   registered. What a call has just returned a record of is trusted by the next one's changes,
 //   and a busy socket is asked about once in so many records; whatever looks unusual is proved.
 //   A readiness that turns out to be nothing (no bytes, no end) would come back at once, so its
-//   descriptor dozes: edge-triggered until something is delivered from it.
+//   descriptor dozes: edge-triggered until something is delivered from it. Behind an empty datagram
+//   others show without an edge, so such sockets are woken by every call.
 //
 // Threads    any; the queue's lock is held throughout a call, the wait included.
 #pragma once
@@ -65,6 +66,7 @@ private:
     void takeEpollEvent(const struct epoll_event& event);
     void takeProbeAnswers();
     bool lookAgainAtLeftovers();
+    void wakeDatagrams() noexcept;
     void lookAtFiles();
     void enqueue(Filter& filter, const Ticket& ticket, uint32_t seen);
 
@@ -91,7 +93,8 @@ private:
     TimerSet timers;
     std::vector<Ticket> ready;
     std::vector<Ticket> probes;
-    std::vector<int> files;  // with a filter on something that epoll refuses
+    std::vector<int> files;      // with a filter on something that epoll refuses
+    std::vector<int> datagrams;  // with a read filter
     std::vector<struct epoll_event> events;
     std::vector<struct pollfd> polled;
     uint64_t lastSerial = 0;

@@ -41,6 +41,21 @@ TEST_F(ReadFilter, SwallowsAWakeUpWithoutBytesAndGoesOnAfterwards) {
     EXPECT_EQ(waitForOne().data, 4);
 }
 
+// Nothing arrives when the empty one is read: what has come behind it was told of before.
+TEST_F(ReadFilter, FindsTheDatagramBehindAnEmptyOneThatHasBeenRead) {
+    const auto [ours, peer] = datagramPair();
+    add(ours, EVFILT_READ);
+    ASSERT_EQ(::send(peer, "", 0, 0), 0);
+    EXPECT_TRUE(look().empty());
+    ASSERT_EQ(::send(peer, "abcd", 4, 0), 4);
+    EXPECT_TRUE(look().empty());
+    char nothing = 0;
+    ASSERT_EQ(recv(ours, &nothing, 1, 0), 0);
+    const Records records = look();
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].data, 4);
+}
+
 TEST_F(ReadFilter, OfAFifoFollowsItsWriters) {
     Pair fifo = fifoPair(O_RDONLY | O_NONBLOCK, O_WRONLY);
     add(fifo.ours, EVFILT_READ);
