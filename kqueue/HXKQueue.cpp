@@ -147,18 +147,17 @@ bool HXKQueue::stopRemaining() {
 
 std::shared_ptr<HXKQueueStreamSocket> HXKQueue::createStreamSocket(int sock, bool closeOnStop) {
     auto stream = HXKQueueStreamSocket::initWithSocket(sock, closeOnStop, weak_from_this(), logger);
-    if (!stream) {
+    if (!stream || !addActiveObject(stream)) {
         logger->error("cannot initialize stream socket object");
         return nullptr;
     }
-    addActiveObject(stream);
     logger->debug("<%p>: stream socket(%d) created", static_cast<void*>(stream.get()), sock);
     return stream;
 }
 
 std::shared_ptr<HXKQueueUnixClient> HXKQueue::createUnixClient(const char* path) {
     auto client = HXKQueueUnixClient::initWithParent(weak_from_this(), logger);
-    if (client && !client->connectToPath(path)) {
+    if (client && !(client->connectToPath(path) && addActiveObject(client))) {
         client->stop();  // closes what connectToPath got as far as opening
         client = nullptr;
     }
@@ -166,14 +165,13 @@ std::shared_ptr<HXKQueueUnixClient> HXKQueue::createUnixClient(const char* path)
         logger->error("cannot initialize unix socket object");
         return nullptr;
     }
-    addActiveObject(client);
     logger->debug("<%p>: unix(%s) created", static_cast<void*>(client.get()), path);
     return client;
 }
 
 std::shared_ptr<HXKQueueTCPClient> HXKQueue::createTCPClient(const struct sockaddr* address) {
     auto client = HXKQueueTCPClient::initWithParent(weak_from_this(), logger);
-    if (client && !client->connectToAddress(address)) {
+    if (client && !(client->connectToAddress(address) && addActiveObject(client))) {
         client->stop();  // closes what connectToAddress got as far as opening
         client = nullptr;
     }
@@ -181,29 +179,34 @@ std::shared_ptr<HXKQueueTCPClient> HXKQueue::createTCPClient(const struct sockad
         logger->error("cannot initialize TCP socket object");
         return nullptr;
     }
-    addActiveObject(client);
     logInet("TCP Client", address, client.get());
     return client;
 }
 
 std::shared_ptr<HXKQueueTCPServer> HXKQueue::createTCPServer(const struct sockaddr* address) {
     auto server = HXKQueueTCPServer::initWithSockaddr(address, weak_from_this(), logger);
+    if (server && !addActiveObject(server)) {
+        server->stop();  // closes its socket
+        server = nullptr;
+    }
     if (!server) {
         logger->error("cannot initialize TCP server socket object");
         return nullptr;
     }
-    addActiveObject(server);
     logInet("TCP Server", address, server.get());
     return server;
 }
 
 std::shared_ptr<HXKQueueUnixServer> HXKQueue::createUnixServer(const char* path, uint16_t perm) {
     auto server = HXKQueueUnixServer::initWithPath(path, perm, weak_from_this(), logger);
+    if (server && !addActiveObject(server)) {
+        server->stop();  // closes its socket
+        server = nullptr;
+    }
     if (!server) {
         logger->error("cannot initialize unix server socket object");
         return nullptr;
     }
-    addActiveObject(server);
     logger->debug("<%p>: unix server(%s) created", static_cast<void*>(server.get()), path);
     return server;
 }
@@ -214,11 +217,10 @@ std::shared_ptr<HXKQueueBipipeClient> HXKQueue::createBipipeClient(const int des
     const int out = descriptors[1];
     auto bipipe =
         HXKQueueBipipeClient::initWithIndesc(in, out, closeOnStop, weak_from_this(), logger);
-    if (!bipipe) {
+    if (!bipipe || !addActiveObject(bipipe)) {
         logger->error("cannot initialize bipipe object");
         return nullptr;
     }
-    addActiveObject(bipipe);
     logger->debug("<%p>: bipipe(%d,%d) created", static_cast<void*>(bipipe.get()), in, out);
     return bipipe;
 }
@@ -226,11 +228,14 @@ std::shared_ptr<HXKQueueBipipeClient> HXKQueue::createBipipeClient(const int des
 std::shared_ptr<HXKQueueTimer> HXKQueue::createTimer(uint64_t ms, bool oneShot) {
     int32_t ident = 0;
     auto timer = addTimer(ms, &ident, oneShot);
+    if (timer && !addActiveObject(timer)) {
+        removeTimer(timer);
+        timer = nullptr;
+    }
     if (!timer) {
         logger->error("cannot initialize timer object");
         return nullptr;
     }
-    addActiveObject(timer);
     logger->debug("<%p>: timer #%d created", static_cast<void*>(timer.get()), ident);
     return timer;
 }
@@ -260,14 +265,16 @@ void HXKQueue::stopObject(const std::shared_ptr<HXKQueueEventProtocol>& object) 
     activeList.erase(registered);
 }
 
-void HXKQueue::addActiveObject(const std::shared_ptr<HXKQueueEventProtocol>& object) {
+bool HXKQueue::addActiveObject(const std::shared_ptr<HXKQueueEventProtocol>& object) {
     const std::lock_guard guard(*lock);
     const uint64_t key = keyOf(object.get());
     try {
         activeListChanged.push_back(key);
         activeList[key] = object;
+        return true;
     } catch (const std::bad_alloc&) {
         logger->error("<%p>: cannot be added", static_cast<void*>(object.get()));
+        return false;
     }
 }
 

@@ -7,7 +7,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <optional>
 
 #include "kqueue/HXKQueueBipipeClient.h"
 #include "kqueue/HXKQueueStreamSocket.h"
@@ -20,6 +19,8 @@
 #include "tests/support/failing_allocations.h"
 
 namespace {
+
+using Extent = FailingAllocations::Extent;
 
 // The loop is not started: what the factories do needs no I/O thread.
 class FactoryFailure : public testing::Test {
@@ -43,31 +44,38 @@ protected:
         EXPECT_EQ(openDescriptors(), before);
     }
 
-    // Fails each allocation of the factory in turn. The first is the object itself; the others
-    // belong to its registration, which costs the registration only.
+    // Fails each allocation of the factory in turn, alone or with all that come after it. The first
+    // ones are the object itself; the others belong to its registration, which it tells before the
+    // factory tells that there is no source.
     template <typename Factory>
     void failEachAllocation(const std::string& message, Factory factory) {
-        for (uint64_t nth = 1;; ++nth) {
-            const size_t errorsBefore = log.errors().size();
-            std::optional<FailingAllocations> failing(nth);
-            const auto source = factory();
-            failing->end();
-            const bool happened = failing->happened();
-            failing.reset();
-            const auto errors = log.errors();
-            if (!happened) {
-                EXPECT_NE(source, nullptr);
-                EXPECT_EQ(errors.size(), errorsBefore);
-                EXPECT_GT(nth, 2U);
-                return;
-            }
-            ASSERT_EQ(errors.size(), errorsBefore + 1);
-            if (source) {
-                EXPECT_EQ(errors.back(), "error " + tagOf(source.get()) + ": cannot be added");
-                source->stop();
-            } else {
+        for (const Extent extent : {Extent::OnlyThatOne, Extent::FromThereOn}) {
+            size_t unregistered = 0;
+            for (uint64_t nth = 1;; ++nth) {
+                const size_t errorsBefore = log.errors().size();
+                const size_t openBefore = openDescriptors();
+                FailingAllocations failing(nth, extent);
+                const auto source = factory();
+                failing.end();
+                std::vector<std::string> errors = log.errors();
+                errors.erase(errors.begin(),
+                             errors.begin() + static_cast<std::ptrdiff_t>(errorsBefore));
+                if (!failing.happened()) {
+                    EXPECT_NE(source, nullptr);
+                    EXPECT_TRUE(errors.empty());
+                    break;
+                }
+                EXPECT_EQ(source, nullptr) << nth;
+                EXPECT_EQ(openDescriptors(), openBefore) << nth;
+                ASSERT_FALSE(errors.empty()) << nth;
                 EXPECT_EQ(errors.back(), "error " + message);
+                errors.pop_back();
+                if (errors.empty()) continue;
+                EXPECT_EQ(errors.size(), 1U);
+                EXPECT_TRUE(errors.front().ends_with(">: cannot be added")) << errors.front();
+                ++unregistered;
             }
+            EXPECT_GT(unregistered, 0U);
         }
     }
 

@@ -18,12 +18,15 @@
 #include "tests/support/address_length.h"
 
 LogRecorder::LogRecorder(LogLevel least) {
+    constexpr size_t kLinesAtHand = 200;
+    recorded.reserve(kLinesAtHand);
     logSetLevel(least);
     logSetSink([this](LogLevel level, const std::string& /*subsystem*/, const std::string& category,
                       const char* message) {
         if (category != "kqueue") return;
         const std::lock_guard guard(lock);
-        recorded.push_back((level == LogLevel::Error ? "error " : "debug ") + std::string(message));
+        Line& line = recorded.emplace_back(Line{.level = level, .message = {}});
+        std::snprintf(line.message.data(), line.message.size(), "%s", message);
         changed.notify_all();
     });
 }
@@ -35,7 +38,11 @@ LogRecorder::~LogRecorder() {
 
 std::vector<std::string> LogRecorder::lines() const {
     const std::lock_guard guard(lock);
-    return recorded;
+    std::vector<std::string> all;
+    all.reserve(recorded.size());
+    for (const Line& line : recorded)
+        all.push_back(line.text());
+    return all;
 }
 
 std::vector<std::string> LogRecorder::errors() const {
@@ -52,8 +59,13 @@ bool LogRecorder::has(const std::string& line) const {
 bool LogRecorder::waitFor(const std::string& line) {
     std::unique_lock guard(lock);
     return changed.wait_for(guard, std::chrono::seconds(20), [&] {
-        return std::find(recorded.begin(), recorded.end(), line) != recorded.end();
+        return std::any_of(recorded.begin(), recorded.end(),
+                           [&](const Line& each) { return each.text() == line; });
     });
+}
+
+std::string LogRecorder::Line::text() const {
+    return (level == LogLevel::Error ? "error " : "debug ") + std::string(message.data());
 }
 
 std::string tagOf(const void* object) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -14,7 +15,8 @@
 #include "platform/log.h"
 #include "tests/kqueue/event_recorder.h"
 
-// "error MESSAGE" and "debug MESSAGE" of the category "kqueue", for as long as it lives.
+// "error MESSAGE" and "debug MESSAGE" of the category "kqueue", for as long as it lives. The first
+// lines need no memory, so that a lack of it can be recorded.
 class LogRecorder {
 public:
     explicit LogRecorder(LogLevel least = LogLevel::Debug);
@@ -29,9 +31,15 @@ public:
     bool waitFor(const std::string& line);
 
 private:
+    struct Line {
+        LogLevel level;
+        std::array<char, 256> message;
+        [[nodiscard]] std::string text() const;
+    };
+
     mutable std::mutex lock;
     std::condition_variable changed;
-    std::vector<std::string> recorded;  // guarded by lock
+    std::vector<Line> recorded;  // guarded by lock
 };
 
 // "<0x...>", as the log names an object.

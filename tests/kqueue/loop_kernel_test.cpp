@@ -42,7 +42,7 @@ protected:
 
     std::shared_ptr<CountingSource> makeSource() {
         auto source = std::make_shared<CountingSource>();
-        loop->addActiveObject(source);
+        EXPECT_TRUE(loop->addActiveObject(source));
         return source;
     }
 
