@@ -114,8 +114,7 @@ public:
                      HXKQueueEventBlock onEvent);
 
     // Queues a copy of the bytes. True, whatever becomes of them: an owner learns of a failure to
-    // send by HXKQueueEventTerminated; bytes that there is no memory to queue are only logged.
-    // After startObject.
+    // send, and of a lack of memory to queue them, by HXKQueueEventTerminated. After startObject.
     bool write(const std::shared_ptr<HXKQueueEventProtocol>& object, const char* buffer,
                uint64_t size);
 

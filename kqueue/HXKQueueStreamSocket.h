@@ -11,8 +11,8 @@
 //            The descriptor belongs to the source with closeOnStop and to the caller without. On
 //            macOS its open file raises no SIGPIPE from then on, for all who share it.
 // Errors     init...: null. A failed read or write is Terminated; so is a lack of memory for the
-//            block (said to that block, inside enableOnData) or for the bytes that arrive. Bytes
-//            that write has no memory for are not queued, which is logged.
+//            block (said to that block, inside enableOnData), for the bytes that arrive, or for
+//            those to be sent, of which the log tells more.
 #pragma once
 
 #include <sys/socket.h>

@@ -57,14 +57,18 @@ void ByteStream::submit(const struct kevent& change) const {
 // The change is submitted under txlock, here and in send, so that the last one submitted fits the
 // queue: between a look at an empty queue and the removal, another thread's bytes would otherwise
 // lose their filter.
+//
+// The peer cannot make sense of what follows a gap, and the owner would wait for an answer that
+// does not come. It may be inside its block, or hold its locks, so it hears of the end on the I/O
+// thread.
 void ByteStream::queue(const char* bytes, uint64_t size, const struct kevent& arming) {
     if (size == 0) return;
     const std::lock_guard guard(txlock);
     try {
-        tx.append(bytes, size);
+        if (!txHasGap) tx.append(bytes, size);
     } catch (const std::exception&) {  // bad_alloc, or length_error for an absurd size
         logger->error("<%p>: cannot queue bytes", static_cast<void*>(&source));
-        return;
+        txHasGap = true;
     }
     submit(arming);
 }
@@ -80,6 +84,7 @@ void ByteStream::send(int fd, int64_t room, const struct kevent& removal, ZeroBy
             failed = written <= 0;
         }
         if (tx.empty()) submit(removal);
+        failed = failed || txHasGap;
     }
     if (failed) callEvent(HXKQueueEventTerminated);
 }

@@ -7,8 +7,7 @@
 //            report: that one and the I/O thread. The others: the I/O thread, forgetBlock also the
 //            thread that stops the loop.
 // Errors     a failed read or write is HXKQueueEventTerminated; so is a lack of memory for what
-//            arrives, and for the block, which is told so itself. Bytes that there is no memory
-//            to queue are only logged.
+//            arrives, for what is to be sent, and for the block, which is told so itself.
 #pragma once
 
 #include <sys/event.h>
@@ -55,7 +54,8 @@ public:
     void submit(const struct kevent& change) const;
 
     // Queues a copy of the bytes and submits the arming of the write filter; nothing for a size
-    // of 0.
+    // of 0. Without memory for the copy no bytes are queued any more, and with its next record the
+    // stream ends.
     void queue(const char* bytes, uint64_t size, const struct kevent& arming);
 
     // Writes as much of the queue as the room allows. Submits the removal of the write filter
@@ -75,6 +75,7 @@ private:
     ByteQueue rx;                         // I/O thread only
     mutable std::recursive_mutex txlock;  // taken before the loop's lock
     ByteQueue tx;                         // guarded by txlock
+    bool txHasGap = false;                // guarded by txlock; bytes are missing behind tx's last
     EventBlockSlot eventBlock;
 };
 

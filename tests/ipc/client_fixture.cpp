@@ -45,6 +45,16 @@ RunningClientTest::RunningClientTest() {
     peer.emplace(daemon.accept());
 }
 
+void RunningClientTest::reconnect() {
+    client->stop();
+    static_cast<void>(peer->receiveToEnd());
+    client = HXTarnIPCClient::initWithKQueue(loop, daemon.path());
+    if (!client) throw std::runtime_error("no client");
+    installCallbacks();
+    client->start();
+    peer.emplace(daemon.accept());
+}
+
 RunningClientTest::~RunningClientTest() {
     client->stop();
     loop->stop();

@@ -54,6 +54,9 @@ protected:
     RunningClientTest();
     ~RunningClientTest() override;
 
+    // Another client takes the place of this one.
+    void reconnect();
+
     // What the daemon has received, when the client sends nothing more.
     [[nodiscard]] std::string received();
 

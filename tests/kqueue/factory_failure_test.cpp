@@ -257,8 +257,7 @@ protected:
     std::shared_ptr<HXKQueueBipipeClient> bipipe;
 };
 
-// A write filter that finds nothing queued would end the stream.
-TEST_F(BipipeFailure, BytesThatCannotBeQueuedArmNothing) {
+TEST_F(BipipeFailure, BytesThatCannotBeQueuedEndTheStreamOnce) {
     loop->startObject(bipipe, events.block());
     {
         const FailingAllocations failing(1);
@@ -268,7 +267,9 @@ TEST_F(BipipeFailure, BytesThatCannotBeQueuedArmNothing) {
               std::vector<std::string>{"error " + tagOf(bipipe.get()) + ": cannot queue bytes"});
     settle();
     settle();
-    EXPECT_EQ(events.codes(), std::vector<int32_t>{HXKQueueEventConnected});
+    EXPECT_EQ(events.codes(),
+              (std::vector<int32_t>{HXKQueueEventConnected, HXKQueueEventTerminated}));
+    EXPECT_NE(events.last().thread, std::this_thread::get_id());
 }
 
 // A read filter would take the byte out of the pipe.
@@ -317,6 +318,32 @@ TEST_F(ReceiveFailure, BytesWithoutMemoryForThemAreTerminated) {
     }
     EXPECT_EQ(log.errors(), std::vector<std::string>{"error " + tagOf(stream.source.get()) +
                                                      ": cannot receive bytes"});
+    stopLoop();
+    close(stream.peer);
+}
+
+class SendFailure : public LoopTest {};
+
+// With a hole in what it says the stream is of no use, so what is written later does not follow.
+TEST_F(SendFailure, BytesWithoutMemoryForThemAreTerminatedAndNothingFollowsThem) {
+    EventRecorder events;
+    const Stream stream = makeStream();
+    loop->startObject(stream.source, events.block());
+    loop->write(stream.source, "before", 6);
+    const std::string bytes(1000, 'x');
+    {
+        const FailingAllocations failing(1);
+        loop->write(stream.source, bytes.data(), bytes.size());
+    }
+    loop->write(stream.source, "after", 5);
+    ASSERT_TRUE(events.waitFor(HXKQueueEventTerminated));
+    EXPECT_NE(events.last().thread, std::this_thread::get_id());
+    EXPECT_EQ(log.errors(), std::vector<std::string>{"error " + tagOf(stream.source.get()) +
+                                                     ": cannot queue bytes"});
+    loop->stopObject(stream.source);
+    std::array<char, 64> arrived{};
+    EXPECT_EQ(recv(stream.peer, arrived.data(), arrived.size(), MSG_WAITALL), 6);
+    EXPECT_STREQ(arrived.data(), "before");
     stopLoop();
     close(stream.peer);
 }
