@@ -26,7 +26,7 @@ bool isAcceptedByEpoll(int epollFd, int fd) {
 uint32_t wantedMask(const Descriptor& descriptor) {
     if (isAlwaysReady(descriptor.kind)) return 0;
     uint32_t mask = 0;
-    if (descriptor.read.present) mask |= readEvents(descriptor.kind);
+    if (descriptor.read.present && !descriptor.read.probed) mask |= readEvents(descriptor.kind);
     if (descriptor.write.present && !descriptor.write.probed) mask |= EPOLLOUT;
     return mask != 0 && descriptor.dozing ? mask | EPOLLET : mask;
 }

@@ -27,7 +27,7 @@ namespace epollqueue {
 struct Filter {
     bool present = false;
     bool oneShot = false;
-    bool probed = false;  // write: asked for by poll rather than by epoll
+    bool probed = false;  // asked for by poll rather than by epoll
     bool queued = false;  // waits for its delivery
     uint32_t seen = 0;    // EPOLL bits that it was found ready with
     uint64_t serial = 0;  // of the registration, never used twice

@@ -75,6 +75,12 @@ bool pollNow(std::span<struct pollfd> descriptors) {
     return pollNow(descriptors.first(half)) && pollNow(descriptors.subspan(half));
 }
 
+// The kernel has no memory for another watch, or the user has used up all of
+// /proc/sys/fs/epoll/max_user_watches (epoll_ctl(2)).
+bool isShortage(int error) {
+    return error == ENOMEM || error == ENOSPC;
+}
+
 void pauseWhenRefused() {
     const struct timespec pause = toTimespec(kPauseWhenRefused);
     nanosleep(&pause, nullptr);
@@ -199,8 +205,23 @@ int EventQueue::addFilter(Descriptor& descriptor, const struct kevent& change) {
     filter.oneShot = (change.flags & EV_ONESHOT) != 0;
     filter.udata = change.udata;
     if (error == 0) error = table.watch(descriptor);
+    if (isShortage(error) && askByPoll(descriptor, change.filter)) error = 0;
     if (error != 0) removeFilter(descriptor, filter);
     return error;
+}
+
+// What epoll cannot take poll is asked for, with every wait, until epoll takes it: a filter that is
+// refused leaves its owner waiting. False without memory for that.
+bool EventQueue::askByPoll(Descriptor& descriptor, int16_t number) noexcept {
+    Filter& filter = descriptor.filter(number);
+    try {
+        if (!filter.probed)
+            probes.push_back({.fd = descriptor.fd, .filter = number, .serial = filter.serial});
+        filter.probed = true;
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 // Puts a new filter on the list that it is found ready through, if that is not epoll. True when it
@@ -270,7 +291,7 @@ bool EventQueue::waitWithProbes(std::optional<Nanoseconds> timeout) {
     polled.clear();
     polled.push_back({.fd = epollFd, .events = POLLIN, .revents = 0});
     for (const Ticket& probe : probes)
-        polled.push_back({.fd = probe.fd, .events = POLLOUT, .revents = 0});
+        polled.push_back({.fd = probe.fd, .events = pollEvents(probe), .revents = 0});
     struct timespec storage;
     const int answers = ppoll(polled.data(), polled.size(), orForever(timeout, storage), nullptr);
     // EINVAL: more than the process may have open by now. Without answers they all go to epoll.
@@ -278,6 +299,12 @@ bool EventQueue::waitWithProbes(std::optional<Nanoseconds> timeout) {
     takeProbeAnswers();
     if (answers == -1) return takeEpollEvents(ready.empty() ? timeout : 0);
     return polled.front().revents == 0 || takeEpollEvents(0);
+}
+
+// REQUIRES: the ticket's filter is there.
+short EventQueue::pollEvents(const Ticket& ticket) const noexcept {
+    if (ticket.filter == EVFILT_WRITE) return POLLOUT;
+    return static_cast<short>(readEvents(table.find(ticket.fd)->kind));
 }
 
 // Room comes first: what a dozing descriptor reports is not reported again.
@@ -299,22 +326,26 @@ void EventQueue::takeEpollEvent(const struct epoll_event& event) {
     const int fd = descriptor->fd;
     Filter& read = descriptor->read;
     Filter& write = descriptor->write;
-    if (read.present && (event.events & (readEvents(descriptor->kind) | kEnded)) != 0)
+    if (read.present && !read.probed &&
+        (event.events & (readEvents(descriptor->kind) | kEnded)) != 0)
         enqueue(read, {.fd = fd, .filter = EVFILT_READ, .serial = read.serial}, event.events);
     if (write.present && !write.probed && (event.events & (EPOLLOUT | kEnded)) != 0)
         enqueue(write, {.fd = fd, .filter = EVFILT_WRITE, .serial = write.serial}, event.events);
 }
 
-// One that cannot take bytes now is handed to epoll, or, should epoll refuse it, asked again.
+// One that is not ready now is handed to epoll, or, should epoll refuse it, asked again.
 void EventQueue::takeProbeAnswers() {
     for (size_t i = 0; i < probes.size(); ++i) {
         Filter* filter = table.find(probes[i]);
+        Descriptor* descriptor = table.find(probes[i].fd);
         const auto answer = static_cast<uint16_t>(polled[i + 1].revents);
+        // epoll tells files apart, poll does not
+        if (probes[i].filter == EVFILT_READ) descriptor->recordsOnTrust = 0;
         if (answer != 0) {
             enqueue(*filter, probes[i], answer);
         } else {
             filter->probed = false;
-            if (table.watch(*table.find(probes[i].fd)) != 0) filter->probed = true;
+            if (table.watch(*descriptor) != 0) filter->probed = true;
         }
     }
 }
@@ -324,11 +355,8 @@ bool EventQueue::lookAgainAtLeftovers() {
     std::erase_if(ready, [this](const Ticket& ticket) { return table.find(ticket) == nullptr; });
     if (ready.empty()) return true;
     polled.clear();
-    for (const Ticket& ticket : ready) {
-        const uint32_t wanted =
-            ticket.filter == EVFILT_READ ? readEvents(table.find(ticket.fd)->kind) : POLLOUT;
-        polled.push_back({.fd = ticket.fd, .events = static_cast<short>(wanted), .revents = 0});
-    }
+    for (const Ticket& ticket : ready)
+        polled.push_back({.fd = ticket.fd, .events = pollEvents(ticket), .revents = 0});
     if (!pollNow(polled)) return false;
     size_t kept = 0;
     for (size_t i = 0; i < ready.size(); ++i) {

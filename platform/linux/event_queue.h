@@ -6,7 +6,8 @@
 //   means the same open file, and what epoll watches it for.
 //   The read filter is a level-triggered EPOLLIN. A write filter costs no epoll_ctl as long as
 //   the descriptor can take bytes: it is put on the `probes` list, which one poll answers for
-//   together with epoll itself. Only one that cannot take bytes is handed to epoll.
+//   together with epoll itself. Only one that cannot take bytes is handed to epoll. A filter that
+//   epoll has no memory or watches for stays on that list, and is offered to epoll again.
 //   What is found ready goes through `ready`, first in, first out, and its count is taken when it
 //   is delivered. What does not fit is looked at again, in front, by the next call.
 //   Most calls to the kernel would only ask whether a number still means the open file that was
@@ -54,6 +55,7 @@ private:
     [[nodiscard]] bool answersRecord(const Descriptor& descriptor,
                                      const struct kevent& change) const noexcept;
     int addFilter(Descriptor& descriptor, const struct kevent& change);
+    bool askByPoll(Descriptor& descriptor, int16_t number) noexcept;
     bool enlist(const Descriptor& descriptor, int16_t filter, uint64_t serial);
     void removeFilter(Descriptor& descriptor, Filter& filter) noexcept;
 
@@ -65,6 +67,7 @@ private:
     bool takeEpollEvents(std::optional<Nanoseconds> timeout);
     void takeEpollEvent(const struct epoll_event& event);
     void takeProbeAnswers();
+    [[nodiscard]] short pollEvents(const Ticket& ticket) const noexcept;
     bool lookAgainAtLeftovers();
     void wakeDatagrams() noexcept;
     void lookAtFiles();

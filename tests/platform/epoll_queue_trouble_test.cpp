@@ -101,6 +101,93 @@ TEST_F(Trouble, WriteFilterOfAnUnconnectedSocketThatEpollWouldNotTakeWakesWithTh
     EXPECT_EQ(waitForOne().filter, EVFILT_WRITE);
 }
 
+// What epoll has no room for is asked for by poll.
+class ReadFilterThatEpollRefuses : public KernelQueueTest {
+protected:
+    ~ReadFilterThatEpollRefuses() override { isEpollFull = false; }
+
+    static std::vector<Pair> pairs() {
+        std::vector<Pair> all;
+        all.push_back(unixPair());
+        all.push_back(tcpPair());
+        all.push_back(pipePair());
+        return all;
+    }
+};
+
+TEST_F(ReadFilterThatEpollRefuses, TellsOfBytesAndOfTheEndAllTheSame) {
+    isEpollFull = true;
+    for (Pair& pair : pairs()) {
+        add(pair.ours, EVFILT_READ);
+        EXPECT_TRUE(look().empty());
+        send(pair.peer, "abc");
+        EXPECT_EQ(waitForOne().data, 3);
+        EXPECT_EQ(waitForOne().data, 3);
+        EXPECT_EQ(receive(pair.ours, 3), "abc");
+        EXPECT_TRUE(wait(8, 1).empty());
+        pair.peer.reset();
+        EXPECT_NE(waitForOne().flags & EV_EOF, 0);
+        remove(pair.ours, EVFILT_READ);
+        EXPECT_TRUE(wait(8, 1).empty());
+    }
+}
+
+TEST_F(ReadFilterThatEpollRefuses, SharesItsDescriptorWithAWriteFilter) {
+    const Pair pair = unixPair();
+    fillUp(pair.ours);
+    isEpollFull = true;
+    add(pair.ours, EVFILT_READ);
+    add(pair.ours, EVFILT_WRITE);
+    EXPECT_TRUE(wait(8, 1).empty());
+    send(pair.peer, "abc");
+    EXPECT_EQ(waitForOne().filter, EVFILT_READ);
+    remove(pair.ours, EVFILT_READ);
+    EXPECT_TRUE(wait(8, 1).empty());
+    add(pair.ours, EVFILT_READ);
+    remove(pair.ours, EVFILT_WRITE);
+    EXPECT_EQ(waitForOne().filter, EVFILT_READ);
+}
+
+TEST_F(ReadFilterThatEpollRefuses, GoesToEpollOnceThatHasRoom) {
+    const Pair pair = unixPair();
+    isEpollFull = true;
+    add(pair.ours, EVFILT_READ);
+    isEpollFull = false;
+    EXPECT_TRUE(look().empty());
+    const int before = epollCtlCalls;
+    for (int i = 0; i < 10; ++i)
+        EXPECT_TRUE(look().empty());
+    send(pair.peer, "abc");
+    EXPECT_EQ(waitForOne().data, 3);
+    EXPECT_EQ(epollCtlCalls, before);
+}
+
+TEST_F(ReadFilterThatEpollRefuses, DoesNotKeepTheWaitBusy) {
+    const auto [ours, peer] = datagramPair();
+    isEpollFull = true;
+    add(ours, EVFILT_READ);
+    // A datagram of no bytes is a readiness that there is nothing to tell of.
+    ASSERT_EQ(::send(peer, "", 0, 0), 0);
+    const int64_t before = processorTime();
+    EXPECT_TRUE(wait(8, 200).empty());
+    EXPECT_LT(processorTime() - before, 50 * kMillisecond);
+}
+
+TEST_F(ReadFilterThatEpollRefuses, IsNotTakenForOneOfTheNextDescriptorOfItsNumber) {
+    Pair pair = unixPair();
+    const int number = pair.ours;
+    isEpollFull = true;
+    add(pair.ours, EVFILT_READ);
+    EXPECT_TRUE(look().empty());
+    pair.ours.reset();
+    const Pair next = unixPair();
+    const Descriptor reused(dup2(next.ours, number));
+    send(next.peer, "x");
+    EXPECT_TRUE(wait(8, 10).empty());
+    isEpollFull = false;
+    EXPECT_TRUE(wait(8, 10).empty());
+}
+
 TEST_F(Trouble, WakeUpOutlivesACallThatRunsOutOfMemory) {
     const auto [ours, peer] = datagramPair();
     add(ours, EVFILT_READ);
