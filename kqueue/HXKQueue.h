@@ -123,9 +123,9 @@ public:
     // not registered, or was asked for before.
     void stopObject(const std::shared_ptr<HXKQueueEventProtocol>& object);
 
-    // For factories: makes object one of the loop's sources. False, with a line on the log, without
-    // memory for that; no change of object's is taken then.
-    [[nodiscard]] bool addActiveObject(const std::shared_ptr<HXKQueueEventProtocol>& object);
+    // For factories: makes object one of the loop's sources. Without memory for that, which is
+    // logged, object stays what it is, and no change of its is taken.
+    void addActiveObject(const std::shared_ptr<HXKQueueEventProtocol>& object);
 
     // For sources: queues a copy of the change for the I/O thread's next wait. Only removals are
     // taken from a source that is not registered, or that is stopped before that wait. `lock` may
@@ -145,6 +145,7 @@ private:
     struct IOThreadState;
 
     bool initialise(const char* subsystem);
+    [[nodiscard]] bool isActiveOnceAdded(const std::shared_ptr<HXKQueueEventProtocol>& object);
     void ioThreadRoutine(void* ignored);
     bool prepareIteration(IOThreadState& io);
     void renewSnapshotUnlocked(SourceMap& snapshot);
