@@ -168,9 +168,23 @@ std::string nested(size_t depth) {
     return frame(1, R"({"status":"ok","id":7,"x":)" + arrays + '}');
 }
 
+// As deep in objects, which stand in arrays by turns.
+std::string nestedByTurns(size_t depth) {
+    std::string opening;
+    std::string closing;
+    for (size_t level = 1; level < depth; ++level) {
+        opening += level % 2 == 0 ? "[" : "{\"x\":";
+        closing.insert(0, level % 2 == 0 ? "]" : "}");
+    }
+    return frame(1, R"({"status":"ok","id":7,"x":)" + opening + '0' + closing + '}');
+}
+
 TEST_F(Framing, NestingIsReadDownToALimit) {
-    EXPECT_EQ(runUtilityAgainst(nested(512), kAdd), kAdded);
-    EXPECT_EQ(runUtilityAgainst(nested(513), kAdd), kCannotParse);
+    for (const auto make : {nested, nestedByTurns}) {
+        EXPECT_EQ(runUtilityAgainst(make(511), kAdd), kAdded);
+        EXPECT_EQ(runUtilityAgainst(make(512), kAdd), kAdded);
+        EXPECT_EQ(runUtilityAgainst(make(513), kAdd), kCannotParse);
+    }
 }
 
 TEST_F(Framing, ReplyThatIsCutShortIsATerminatedConnection) {

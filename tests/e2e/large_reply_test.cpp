@@ -93,7 +93,7 @@ TEST_F(LargeReplyTest, OneOf100MiBInOddPiecesPrintsTheWholeReportInSevenTimesTha
 // A value of two bytes takes twelve times as much where the reader collects the elements of an
 // array, and once more where they then live. Nothing takes more.
 TEST_F(LargeReplyTest, SmallestValuesTakeTwentyFiveTimesTheirSize) {
-    constexpr size_t kSize = size_t{8} << 20;
+    constexpr size_t kSize = size_t{stress::kThreadSanitizer ? 1 : 8} << 20;
     const ScriptedPeer peer;
     RunningProgram utility = startUtility({"srv"});
     const UnixStream connection = peer.accept();
@@ -108,22 +108,14 @@ TEST_F(LargeReplyTest, SmallestValuesTakeTwentyFiveTimesTheirSize) {
 }
 
 // What cannot be read is kept until the frame is complete, and nothing besides.
-TEST_F(LargeReplyTest, OneOf100MiBOfNestingEndsCleanlyInOneAndAHalfTimesThatMemory) {
-    for (const char* opening : {"[", "{\"a\":"}) {
-        const ScriptedPeer peer;
-        RunningProgram utility = startUtility({"srv"});
-        const UnixStream connection = peer.accept();
-        ASSERT_EQ(connection.receiveFrame().size(), 8U);
-        std::string payload;
-        payload.reserve(kLongestPayload);
-        while (payload.size() < kLongestPayload)
-            payload += opening;
-        payload.resize(kLongestPayload);
-        EXPECT_TRUE(connection.send(frameHeader(0, kLongestPayload)));
-        EXPECT_TRUE(connection.send(payload));
-        EXPECT_EQ(utility.finish(), failedWith(5, "cannot parse protocol"));
-        expectPeakOfAtMost(kLongestPayload / 2 * 3, utility);
-    }
+TEST_F(LargeReplyTest, OneOf100MiBOfOpeningBracketsEndsCleanlyInOneAndAHalfTimesThatMemory) {
+    const ScriptedPeer peer;
+    RunningProgram utility = startUtility({"srv"});
+    const UnixStream connection = peer.accept();
+    ASSERT_EQ(connection.receiveFrame().size(), 8U);
+    EXPECT_TRUE(connection.send(frame(0, std::string(kLongestPayload, '['))));
+    EXPECT_EQ(utility.finish(), failedWith(5, "cannot parse protocol"));
+    expectPeakOfAtMost(kLongestPayload / 2 * 3, utility);
 }
 
 }  // namespace
