@@ -178,4 +178,21 @@ TEST_F(WithSimulatedDaemon, HundredUtilitiesAtOnceAllGetTheirAnswers) {
     }
 }
 
+TEST_F(WithSimulatedDaemon, IsServedWhateverTheDaemonWasStartedIn) {
+    for (const char* surroundings :
+         {"exec \"$@\" 0<&- 1>&-", "exec \"$@\" 1>&- 2>&-", "exec \"$@\" 0<&- 1>&- 2>&-",
+          "umask 777 && exec env -i \"$@\""}) {
+        RunningProgram daemon({"/bin/sh", "-c", surroundings, "sh", SIM_PROGRAM, "--inventory",
+                               directory / "inventory.json"});
+        const Clock::time_point deadline = Clock::now() + kPatience;
+        Outcome outcome;
+        do
+            outcome = runUtility({"srv", "list", "-D"});
+        while (outcome.status == 12 && Clock::now() < deadline);
+        EXPECT_EQ(outcome, printed("3 - box:33000 - connected\n")) << surroundings;
+        daemon.signal(SIGTERM);
+        EXPECT_EQ(daemon.finish().status, 0) << surroundings;
+    }
+}
+
 }  // namespace
