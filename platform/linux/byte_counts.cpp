@@ -8,6 +8,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/sysmacros.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -142,11 +143,24 @@ std::optional<int64_t> readableBytes(int fd, DescriptorKind kind) noexcept {
     return std::nullopt;
 }
 
-int64_t peekedBytes(int fd, int& error) noexcept {
+// The bytes do not matter, so they are put on top of each other.
+int64_t peekedBytes(int fd, int64_t most, int& error) noexcept {
     std::array<char, 4096> bytes;
-    const ssize_t count = recv(fd, bytes.data(), bytes.size(), MSG_PEEK | MSG_DONTWAIT);
+    std::array<struct iovec, UIO_MAXIOV> pieces;
+    const size_t needed = static_cast<size_t>(most) / bytes.size() + 1;
+    struct msghdr message = {};
+    message.msg_iov = pieces.data();
+    message.msg_iovlen = std::min(needed, pieces.size());
+    std::fill_n(pieces.begin(), message.msg_iovlen,
+                iovec{.iov_base = bytes.data(), .iov_len = bytes.size()});
+    const ssize_t count = recvmsg(fd, &message, MSG_PEEK | MSG_DONTWAIT);
     if (count == -1 && errno != EAGAIN) error = errno;
     return std::max<int64_t>(count, 0);
+}
+
+bool hasCountedBytes(int fd) noexcept {
+    int bytes = 0;
+    return ioctl(fd, FIONREAD, &bytes) == 0 && bytes > 0;
 }
 
 bool isReadable(int fd) noexcept {

@@ -46,10 +46,14 @@ enum class DescriptorKind {
 // tell.
 [[nodiscard]] std::optional<int64_t> readableBytes(int fd, DescriptorKind kind) noexcept;
 
-// What read(2) would find now in a stream socket whose FIONREAD is no help, up to a few thousand.
-// error is what the kernel then says of the socket, and forgets; it is left alone if that is
-// nothing.
-[[nodiscard]] int64_t peekedBytes(int fd, int& error) noexcept;
+// What read(2) would find now in a stream socket whose FIONREAD is no help, up to the given number
+// and at least up to a few thousand. error is what the kernel then says of the socket, and forgets;
+// it is left alone if that is nothing.
+[[nodiscard]] int64_t peekedBytes(int fd, int64_t most, int& error) noexcept;
+
+// Whether FIONREAD counts something in a Unix socket: that may be a byte that was sent out of band,
+// and that a read has passed over.
+[[nodiscard]] bool hasCountedBytes(int fd) noexcept;
 
 // Whether poll(2) finds the descriptor readable at this moment.
 [[nodiscard]] bool isReadable(int fd) noexcept;

@@ -45,12 +45,11 @@ struct Descriptor {
     uint32_t mask = 0;    // what epoll was asked for; 0: it does not know the descriptor
     bool dozing = false;  // edge-triggered until something is delivered
     int error = 0;        // the socket's, kept because asking for it makes the kernel forget it
-    bool hadOutOfBand =
-        false;                // a Unix socket's FIONREAD is wrong once a byte has come out of band
-    uint64_t lastRecord = 0;  // the call that returned it
-    int recordsOnTrust = 0;   // left until its identity is to be proved again
-    int64_t leastRoom = 0;    // of a write filter that is ready when it is added; 0: to be asked
-    bool writesMuch = false;  // more at a time than that
+    bool hadOutOfBand = false;  // a Unix socket's FIONREAD may count a byte that no read finds
+    uint64_t lastRecord = 0;    // the call that returned it
+    int recordsOnTrust = 0;     // left until its identity is to be proved again
+    int64_t leastRoom = 0;      // of a write filter that is ready when it is added; 0: to be asked
+    bool writesMuch = false;    // more at a time than that
 
     Filter& filter(int16_t number) { return number == EVFILT_READ ? read : write; }
 };

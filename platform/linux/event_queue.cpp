@@ -201,6 +201,8 @@ int EventQueue::addFilter(Descriptor& descriptor, const struct kevent& change) {
         const uint64_t serial = ++lastSerial;
         const bool probed = enlist(descriptor, change.filter, serial);
         filter = {.present = true, .probed = probed, .serial = serial};
+        if (change.filter == EVFILT_READ && descriptor.kind == DescriptorKind::UnixSocket)
+            descriptor.hadOutOfBand = hasCountedBytes(descriptor.fd);
     }
     filter.oneShot = (change.flags & EV_ONESHOT) != 0;
     filter.udata = change.udata;
@@ -497,7 +499,8 @@ bool EventQueue::fillProved(Descriptor& descriptor, const Ticket& ticket,
 }
 
 // A read passes over a byte that was sent out of band. TCP's FIONREAD stops at it, a Unix socket's
-// counts it, also after it has been passed over.
+// counts it, also after it has been passed over. Bytes that come in between are taken for such
+// ones.
 int64_t EventQueue::countReadable(Descriptor& descriptor) noexcept {
     const uint32_t seen = descriptor.read.seen;
     const bool isUnix = descriptor.kind == DescriptorKind::UnixSocket;
@@ -506,7 +509,10 @@ int64_t EventQueue::countReadable(Descriptor& descriptor) noexcept {
     const bool isDoubtful = isUnix ? descriptor.hadOutOfBand
                                    : descriptor.kind == DescriptorKind::TcpSocket && bytes == 0;
     if (!isDoubtful || (seen & EPOLLIN) == 0) return bytes;
-    return peekedBytes(descriptor.fd, descriptor.error);
+    const int64_t peeked = peekedBytes(descriptor.fd, bytes, descriptor.error);
+    if (isUnix && (seen & EPOLLPRI) == 0)
+        descriptor.hadOutOfBand = peeked != readableBytes(descriptor.fd, descriptor.kind);
+    return peeked;
 }
 
 bool EventQueue::fillReadRecord(Descriptor& descriptor, struct kevent& record) noexcept {

@@ -7,7 +7,8 @@
 //                 sockets, pipes, FIFOs, terminals, and regular files up to their end. At least 1
 //                 while connections wait on a listening socket. EV_EOF once the peer has closed
 //                 its sending side, also while bytes are left; `fflags` is then the socket's
-//                 pending error, if it has one. A byte sent out of band is not counted. A terminal
+//                 pending error, if it has one. A byte sent out of band is not counted, but by a
+//                 Unix socket's filter if a read passes over it before a call has seen it. A terminal
 //                 that edits lines counts all that are complete, though each read takes one; an
 //                 end-of-file character with nothing before it counts as one byte, which the read
 //                 takes away without finding any. A regular file is silent at its end, and found
