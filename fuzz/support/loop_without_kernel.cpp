@@ -43,6 +43,7 @@ std::shared_ptr<HXKQueueTimer> HXKQueue::createTimer(uint64_t /*ms*/, bool /*one
 // A source that is connected says so at once.
 void HXKQueue::startObject(const std::shared_ptr<HXKQueueEventProtocol>& object,
                            HXKQueueEventBlock onEvent) {
+    loopLog().source = object;
     loopLog().block = std::move(onEvent);
     loopLog().block(object, nullptr, 0, nullptr, HXKQueueEventConnected);
 }

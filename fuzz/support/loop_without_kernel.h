@@ -13,9 +13,10 @@
 // What has become of the sources. The target puts it back to the beginning.
 struct LoopLog {
     std::string written;
-    HXKQueueEventBlock block;           // of the source that was started last
-    bool stopped = false;               // some source was
-    std::function<void()> whileParked;  // what happens while the main thread does nothing
+    std::shared_ptr<HXKQueueEventProtocol> source;  // that was started last
+    HXKQueueEventBlock block;                       // of its owner
+    bool stopped = false;                           // some source was
+    std::function<void()> whileParked;              // by the main thread
 };
 
 [[nodiscard]] LoopLog& loopLog();
