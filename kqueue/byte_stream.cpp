@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -12,6 +13,16 @@
 namespace hxkqueue {
 
 namespace {
+
+// Calls again what a signal has interrupted before it has done anything.
+template <typename Call>
+ssize_t uninterrupted(Call call) {
+    ssize_t result = -1;
+    do
+        result = call();
+    while (result == -1 && errno == EINTR);
+    return result;
+}
 
 // The kernel's counts are signed.
 size_t atLeastZero(int64_t count) {
@@ -79,7 +90,7 @@ void ByteStream::send(int fd, int64_t room, const struct kevent& removal, ZeroBy
         const std::lock_guard guard(txlock);
         const size_t size = std::min(tx.size(), atLeastZero(room));
         if (size > 0 || zeroBytes == ZeroBytes::AreWritten) {
-            const ssize_t written = ::write(fd, tx.data(), size);
+            const ssize_t written = uninterrupted([&] { return ::write(fd, tx.data(), size); });
             if (written > 0) tx.removeFront(static_cast<uint64_t>(written));
             failed = written <= 0;
         }
@@ -101,7 +112,7 @@ void ByteStream::receive(int fd, int64_t count) {
         callEvent(HXKQueueEventTerminated);
         return;
     }
-    const ssize_t received = ::read(fd, space, size);
+    const ssize_t received = uninterrupted([&] { return ::read(fd, space, size); });
     if (received > 0) {
         std::memset(space + received, 0, size - static_cast<size_t>(received));
         callEvent(HXKQueueEventData);

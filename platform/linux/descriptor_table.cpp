@@ -46,12 +46,16 @@ Descriptor* DescriptorTable::find(int fd) const noexcept {
     return index < descriptors.size() ? descriptors[index].get() : nullptr;
 }
 
+// What an open descriptor means may be out of the kernel's sight for a moment (ENOMEM): to forget
+// it then would leave its owner waiting.
 Descriptor* DescriptorTable::findUnchanged(int fd) noexcept {
     struct stat status;
     Descriptor* descriptor = find(fd);
-    if (descriptor && currentStatus(fd, status) && descriptor->device == status.st_dev &&
-        descriptor->inode == status.st_ino)
-        return descriptor;
+    if (!descriptor) return nullptr;
+    const bool isUnchanged = currentStatus(fd, status) ? descriptor->device == status.st_dev &&
+                                                             descriptor->inode == status.st_ino
+                                                       : errno != EBADF;
+    if (isUnchanged) return descriptor;
     forget(fd);
     return nullptr;
 }

@@ -74,6 +74,9 @@ class DescriptorTable {
 public:
     explicit DescriptorTable(int epollFd) noexcept;
 
+    // More than every number that has an entry.
+    [[nodiscard]] size_t size() const noexcept { return descriptors.size(); }
+
     // By number alone. Null when there is no entry.
     [[nodiscard]] Descriptor* find(int fd) const noexcept;
 

@@ -90,6 +90,19 @@ void addOnce(std::vector<int>& fds, int fd) {
     if (std::find(fds.begin(), fds.end(), fd) == fds.end()) fds.push_back(fd);
 }
 
+template <typename Item>
+void reserveAtLeast(std::vector<Item>& items, size_t count) {
+    if (items.capacity() < count) items.reserve(std::max(count, 2 * items.capacity()));
+}
+
+// A wait that was not interrupted, but cannot be, fails the same way when it is called again.
+int failWait() {
+    const int error = errno;
+    if (error != EINTR) pauseWhenRefused();
+    errno = error;
+    return -1;
+}
+
 bool isValid(const struct timespec& time) {
     return time.tv_sec >= 0 && time.tv_nsec >= 0 && time.tv_nsec < kPerSecond;
 }
@@ -125,7 +138,9 @@ int EventQueue::exchange(std::span<const struct kevent> changes, std::span<struc
         record = change;
         record.flags |= EV_ERROR;
         record.data = error;
+        isRefused = isRefused || error == ENOMEM;
     }
+    if (std::exchange(isRefused, false)) pauseWhenRefused();
     if (room.empty() && firstError != 0) {
         errno = firstError;
         return -1;
@@ -170,17 +185,28 @@ int EventQueue::applyToDescriptor(const struct kevent& change) {
         struct stat status;
         if (!currentStatus(fd, status)) {
             const int error = errno;
-            table.forget(fd);
+            if (error == EBADF) table.forget(fd);
             return error;
         }
         descriptor = table.findUnchanged(fd, status);
-        if (!descriptor && isAddition && change.fflags == 0) descriptor = &table.create(fd, status);
+        if (!descriptor && isAddition && change.fflags == 0) {
+            descriptor = &table.create(fd, status);
+            reserveForWaits();
+        }
     }
     if (isAddition) return change.fflags == 0 ? addFilter(*descriptor, change) : EINVAL;
     if (!descriptor || !descriptor->filter(change.filter).present) return ENOENT;
     if ((change.flags & EV_DELETE) != 0)
         removeFilter(*descriptor, descriptor->filter(change.filter));
     return 0;
+}
+
+// A wait needs no memory then: what there is none for is refused when it is added, which its owner
+// hears of, and waits that fail would say nothing to anybody.
+void EventQueue::reserveForWaits() {
+    const size_t filters = 2 * table.size();
+    reserveAtLeast(ready, filters + 2 * events.size());
+    reserveAtLeast(polled, 1 + filters);
 }
 
 // A write filter is armed and removed for every message, in answer to the record of the message
@@ -216,8 +242,9 @@ int EventQueue::addFilter(Descriptor& descriptor, const struct kevent& change) {
 // refused leaves its owner waiting. False without memory for that.
 bool EventQueue::askByPoll(Descriptor& descriptor, int16_t number) noexcept {
     Filter& filter = descriptor.filter(number);
+    const auto isItself = [&](const Ticket& probe) { return probe.serial == filter.serial; };
     try {
-        if (!filter.probed)
+        if (std::none_of(probes.begin(), probes.end(), isItself))
             probes.push_back({.fd = descriptor.fd, .filter = number, .serial = filter.serial});
         filter.probed = true;
         return true;
@@ -253,11 +280,11 @@ int EventQueue::collect(std::span<struct kevent> room, const struct timespec* ti
     std::optional<Nanoseconds> end;
     if (timeout) end = TimerSet::now() + toNanoseconds(*timeout);
     try {
-        if (!lookAgainAtLeftovers()) return -1;
+        if (!lookAgainAtLeftovers()) return failWait();
         wakeDatagrams();
         for (;;) {
             lookAtFiles();
-            if (!waitForReadiness(waitingTime(end))) return -1;
+            if (!waitForReadiness(waitingTime(end))) return failWait();
             const size_t count = deliver(room);
             if (std::exchange(hasStrays, false) && !table.rebuild()) isRefused = true;
             const bool wasRefused = std::exchange(isRefused, false);
@@ -267,7 +294,7 @@ int EventQueue::collect(std::span<struct kevent> room, const struct timespec* ti
         }
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
-        return -1;
+        return failWait();
     }
 }
 
@@ -505,7 +532,9 @@ int64_t EventQueue::countReadable(Descriptor& descriptor) noexcept {
     const uint32_t seen = descriptor.read.seen;
     const bool isUnix = descriptor.kind == DescriptorKind::UnixSocket;
     if (isUnix && (seen & EPOLLPRI) != 0) descriptor.hadOutOfBand = true;
-    const int64_t bytes = readableBytes(descriptor.fd, descriptor.kind).value_or(0);
+    // What is readable and cannot be counted is read byte by byte.
+    const int64_t uncounted = (seen & (EPOLLIN | kEnded)) == EPOLLIN ? 1 : 0;
+    const int64_t bytes = readableBytes(descriptor.fd, descriptor.kind).value_or(uncounted);
     const bool isDoubtful = isUnix ? descriptor.hadOutOfBand
                                    : descriptor.kind == DescriptorKind::TcpSocket && bytes == 0;
     if (!isDoubtful || (seen & EPOLLIN) == 0) return bytes;

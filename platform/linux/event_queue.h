@@ -54,6 +54,7 @@ private:
     int applyToDescriptor(const struct kevent& change);
     [[nodiscard]] bool answersRecord(const Descriptor& descriptor,
                                      const struct kevent& change) const noexcept;
+    void reserveForWaits();
     int addFilter(Descriptor& descriptor, const struct kevent& change);
     bool askByPoll(Descriptor& descriptor, int16_t number) noexcept;
     bool enlist(const Descriptor& descriptor, int16_t filter, uint64_t serial);

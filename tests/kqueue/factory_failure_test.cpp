@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -367,6 +368,38 @@ TEST_F(AcceptFailure, IsLoggedOncePerRecordAndTheServerGoesOn) {
                                                      ": cannot accept unix connection"});
     close(client);
     stopLoop();
+}
+
+// The connection waits, and the others go on, until there is a descriptor again.
+TEST_F(AcceptFailure, ForWantOfDescriptorsIsOverWhenThereIsOne) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("socket");
+    EventRecorder events;
+    EventRecorder others;
+    const Stream stream = makeStream();
+    loop->startObject(stream.source, others.block());
+    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    loop->startObject(server, events.answering(false));
+    const int client = socket(AF_UNIX, SOCK_STREAM, 0);
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+
+    struct rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    struct rlimit none = before;
+    none.rlim_cur = static_cast<rlim_t>(nextDescriptor());
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    ASSERT_EQ(connect(client, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0);
+    EXPECT_TRUE(log.waitFor("error " + tagOf(server.get()) + ": cannot accept unix connection"));
+    ASSERT_EQ(::write(stream.peer, "x", 1), 1);
+    EXPECT_TRUE(others.waitFor(HXKQueueEventData));
+    EXPECT_TRUE(events.all().empty());
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_TRUE(events.waitFor(HXKQueueEventData));
+    stopLoop();
+    close(client);
+    close(stream.peer);
 }
 
 TEST_F(AcceptFailure, OfATcpServerIsLoggedToo) {

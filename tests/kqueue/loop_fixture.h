@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kqueue/HXKQueue.h"
@@ -26,7 +27,9 @@ public:
 
     [[nodiscard]] std::vector<std::string> lines() const;
     [[nodiscard]] std::vector<std::string> errors() const;
+    [[nodiscard]] size_t count() const;
     [[nodiscard]] bool has(const std::string& line) const;
+    [[nodiscard]] bool hasAny(bool (*matches)(std::string_view message)) const;
     // Waits for the line; false after twenty seconds.
     bool waitFor(const std::string& line);
 

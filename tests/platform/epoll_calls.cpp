@@ -17,6 +17,7 @@ std::atomic<int> epollCtlCalls{0};
 std::atomic<int> questions{0};
 std::atomic<int> failingQueueCreations{0};
 std::atomic<bool> isEpollFull{false};
+std::atomic<bool> isCountRefused{false};
 std::atomic<int> readAwayBeforeCount{-1};
 std::atomic<bool> isMemoryInfoCut{false};
 
@@ -39,6 +40,10 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
     ++questions;
+    if (request == FIONREAD && isCountRefused) {
+        errno = ENOTTY;
+        return -1;
+    }
     if (request == FIONREAD) {
         std::array<char, 64> taken{};
         const int thief = readAwayBeforeCount.exchange(-1);

@@ -14,6 +14,9 @@ extern std::atomic<int> failingQueueCreations;
 // While it is set, epoll takes no further descriptor, as when the user watches too many: ENOSPC.
 extern std::atomic<bool> isEpollFull;
 
+// While it is set, a count of readable bytes is refused, as by an emulator that does not know it.
+extern std::atomic<bool> isCountRefused;
+
 // When a count of readable bytes is asked for, those of this descriptor are taken away just before,
 // once; -1 for none.
 extern std::atomic<int> readAwayBeforeCount;

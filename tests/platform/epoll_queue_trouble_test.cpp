@@ -101,6 +101,29 @@ TEST_F(Trouble, WriteFilterOfAnUnconnectedSocketThatEpollWouldNotTakeWakesWithTh
     EXPECT_EQ(waitForOne().filter, EVFILT_WRITE);
 }
 
+// One byte is safe to read of what is readable; at the end it is not there.
+TEST_F(Trouble, BytesThatCannotBeCountedAreReadOneByOne) {
+    std::vector<Pair> pairs;
+    pairs.push_back(unixPair());
+    pairs.push_back(tcpPair());
+    pairs.push_back(pipePair());
+    for (Pair& pair : pairs) {
+        add(pair.ours, EVFILT_READ);
+        isCountRefused = true;
+        EXPECT_TRUE(look().empty());
+        send(pair.peer, "ab");
+        for (const char* byte : {"a", "b"}) {
+            EXPECT_GE(waitForOne().data, 1);
+            EXPECT_EQ(receive(pair.ours, 1), byte);
+        }
+        EXPECT_TRUE(wait(8, 1).empty());
+        pair.peer.reset();
+        EXPECT_NE(waitForOne().flags & EV_EOF, 0);
+        isCountRefused = false;
+        remove(pair.ours, EVFILT_READ);
+    }
+}
+
 // What epoll has no room for is asked for by poll.
 class ReadFilterThatEpollRefuses : public KernelQueueTest {
 protected:
