@@ -10,7 +10,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <ctime>
@@ -58,7 +57,8 @@ ssize_t __wrap_write(int fd, const void* bytes, size_t size);
 int __wrap_fcntl(int fd, int command, ...);
 int __wrap_ioctl(int fd, unsigned long request, ...);
 int __wrap_getsockopt(int sock, int level, int name, void* value, socklen_t* length);
-long __wrap_syscall(long number, ...);
+long __wrap_syscall(long number, long first, long second, long third, long fourth, long fifth,
+                    long sixth);
 unsigned __wrap_sleep(unsigned seconds);
 int __wrap_bind(int sock, const struct sockaddr* address, socklen_t length);
 int __wrap_socket(int domain, int type, int protocol);
@@ -125,16 +125,12 @@ int __wrap_getsockopt(int sock, int level, int name, void* value, socklen_t* len
     return __real_getsockopt(sock, level, name, value, length);
 }
 
-// No call has more arguments than six; the kernel looks at none that a call has not.
-long __wrap_syscall(long number, ...) {
-    va_list arguments;
-    va_start(arguments, number);
-    std::array<long, 6> given{};
-    for (long& each : given)
-        each = va_arg(arguments, long);
-    va_end(arguments);
+// Whoever calls it gives as many arguments as the call has, at most six. The kernel looks at no
+// more.
+long __wrap_syscall(long number, long first, long second, long third, long fourth, long fifth,
+                    long sixth) {
     if (number == SYS_epoll_pwait2 && failingCalls.wait.fails()) return -1;
-    return __real_syscall(number, given[0], given[1], given[2], given[3], given[4], given[5]);
+    return __real_syscall(number, first, second, third, fourth, fifth, sixth);
 }
 
 unsigned __wrap_sleep(unsigned seconds) {

@@ -1,10 +1,8 @@
 // System calls of this executable that fail on demand, or are counted. The process has one set.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
-#include <string_view>
 
 // One kind of call.
 class FailingCall {
