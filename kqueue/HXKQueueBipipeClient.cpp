@@ -37,10 +37,17 @@ void HXKQueueBipipeClient::enableOnData(HXKQueueEventBlock block) {
 
 // A record of another descriptor was meant for an earlier source at this address.
 void HXKQueueBipipeClient::kevent(const struct kevent* record) {
-    if (record->filter == EVFILT_WRITE && hxkqueue::isAbout(*record, outfd))
+    const bool isForWriting = record->filter == EVFILT_WRITE;
+    if (!isForWriting && record->filter != EVFILT_READ) return;
+    if (!hxkqueue::isAbout(*record, isForWriting ? outfd : infd)) return;
+    if (hxkqueue::isRefusal(*record)) {
+        stream.logRefusal(*record);
+        stream.callEvent(HXKQueueEventTerminated);
+    } else if (isForWriting) {
         sendQueued(record);
-    else if (record->filter == EVFILT_READ && hxkqueue::isAbout(*record, infd))
+    } else {
         stream.receive(infd, record->data);
+    }
 }
 
 void HXKQueueBipipeClient::write(const char* bytes, uint64_t size) {
