@@ -1,6 +1,7 @@
 // Peers that are out to harm a server, or what it serves others with.
 
 #include <netinet/in.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -204,7 +205,7 @@ TEST_P(HostileClients, ThatSendWithoutEndAreReadInPiecesOfBoundedSize) {
     }
     close(sock);
     while (received < sent)
-        settle();
+        sched_yield();  // a byte that is lost would never let this end
     EXPECT_TRUE(tokens.waitUntilHeld(0));
     EXPECT_EQ(received, sent);
     EXPECT_LE(mostRead, kMostOfOneRead);
@@ -236,7 +237,7 @@ TEST_P(HostileClients, ThatTrickleTheirLinesAreUnderstood) {
         for (const int sock : clients)
             ASSERT_EQ(sendQuietly(sock, {&byte, 1}), 1);
     while (lines < kClients)
-        settle();
+        sched_yield();  // a line that is lost would never let this end
     EXPECT_EQ(lines, kClients);
     for (const int sock : clients)
         close(sock);
