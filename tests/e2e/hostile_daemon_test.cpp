@@ -12,6 +12,7 @@
 #include "tests/e2e/utility.h"
 #include "tests/kqueue/stress_scale.h"
 #include "tests/support/descriptors.h"
+#include "tests/support/emulated.h"
 
 namespace {
 
