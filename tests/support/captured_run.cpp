@@ -145,6 +145,9 @@ Outcome runProgram(const std::vector<std::string>& arguments) {
 }
 
 RunningProgram::RunningProgram(const std::vector<std::string>& arguments) {
+    struct rusage usage {};
+    getrusage(RUSAGE_SELF, &usage);
+    peakAtStart = peakBytes(usage);
     const Child started = spawn(arguments);
     child = started.pid;
     outPipe = started.out;
@@ -156,6 +159,7 @@ RunningProgram::RunningProgram(RunningProgram&& other) noexcept
       outPipe(std::exchange(other.outPipe, -1)),
       errPipe(std::exchange(other.errPipe, -1)),
       seen(std::move(other.seen)),
+      peakAtStart(other.peakAtStart),
       peak(other.peak) {}
 
 RunningProgram::~RunningProgram() {

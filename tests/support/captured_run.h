@@ -42,14 +42,17 @@ public:
 
     [[nodiscard]] Outcome finish();
 
-    // Of a program that has finished; at least what this process had in use when it started it.
+    // Of a program that has finished, in bytes. The system counts what this process had had in use
+    // at most when it started it, too: no less than that is told.
     [[nodiscard]] size_t peakMemory() const { return peak; }
+    [[nodiscard]] size_t leastPeakMemory() const { return peakAtStart; }
     [[nodiscard]] int pid() const { return child; }
 
 private:
     int child = -1;
     int outPipe = -1;
     int errPipe = -1;
-    std::string seen;  // of its standard output, by waitForOutput
+    std::string seen;        // of its standard output, by waitForOutput
+    size_t peakAtStart = 0;  // of this process
     size_t peak = 0;
 };
