@@ -76,7 +76,7 @@ public:
 
     [[nodiscard]] Errors apply(const Record& change);
 
-    // From here on a Unix socket's count may be too high, until its filter is added again.
+    // From here on a Unix socket's count may be too high, until its filter has been removed.
     void doubtUnixCounts();
 
     // Records are checked before anything else happens, and once.
@@ -128,7 +128,10 @@ Errors Model::apply(const Record& change) {
     if (!descriptors.find(fdOf(change))) return applyToClosed(change);
     const Key key = {change.ident, change.filter};
     if ((change.flags & EV_ADD) != 0) {
-        filters[key] = {.owner = change.udata, .oneShot = (change.flags & EV_ONESHOT) != 0};
+        Filter& filter = filters[key];
+        filter.owner = change.udata;
+        filter.oneShot = (change.flags & EV_ONESHOT) != 0;
+        filter.isSure = true;
         return {0};
     }
     const auto filter = filters.find(key);
