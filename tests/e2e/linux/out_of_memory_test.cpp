@@ -80,13 +80,16 @@ protected:
     // Has each allocation fail in its turn.
     static void sweep(const Case& each, bool all) {
         constexpr Milliseconds kShort(30);
-        constexpr Milliseconds kLong(20'000);
+        constexpr Milliseconds kLong(5'000);
         size_t waiting = 0;
         unsigned long nth = 1;
         for (;; ++nth) {
             Run run = OutOfMemory::run(each, nth, all, kShort);
+            // Perhaps the daemon was short of patience. How many allocations there are is also up
+            // to what the two threads do first.
+            if (!run.happened && run.outcome != each.whole)
+                run = OutOfMemory::run(each, nth, all, kLong);
             if (!run.happened) {
-                if (run.outcome != each.whole) run = OutOfMemory::run(each, nth, all, kLong);
                 EXPECT_EQ(run.outcome, each.whole);
                 break;
             }
@@ -96,10 +99,11 @@ protected:
                 << testing::PrintToString(*run.outcome);
         }
         EXPECT_GT(nth, 20U);
-        // Its events, its changes, its copy of the sources. When all that come later fail, any may
-        // be the thread's.
+        // The thread's are its events, its changes and its copy of the sources, which it makes in
+        // other places among those of the main thread every time. When all that come later fail,
+        // any may be the thread's.
         if (!all) {
-            EXPECT_LE(waiting, 6U);
+            EXPECT_LT(waiting, nth / 4);
         }
         std::printf("%lu allocations failed, %zu of them the thread's\n", nth - 1, waiting);
     }
