@@ -33,10 +33,13 @@ endif()
 option(HXUSBVCTL_HARDEN "Build with the protections that distributions build with" ON)
 if(HXUSBVCTL_HARDEN AND NOT HXUSBVCTL_SANITIZE AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
     target_compile_definitions(project_settings INTERFACE _GLIBCXX_ASSERTIONS)
+    set(is_part_of_a_program
+        $<IN_LIST:$<TARGET_PROPERTY:TYPE>,EXECUTABLE;STATIC_LIBRARY;OBJECT_LIBRARY>)
     target_compile_options(project_settings INTERFACE
-        -fPIE -fstack-protector-strong -fstack-clash-protection
+        $<${is_part_of_a_program}:-fPIE> -fstack-protector-strong -fstack-clash-protection
         $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
-    target_link_options(project_settings INTERFACE -pie -Wl,-z,relro,-z,now,-z,noexecstack)
+    target_link_options(project_settings INTERFACE
+        $<${is_part_of_a_program}:-pie> -Wl,-z,relro,-z,now,-z,noexecstack)
 endif()
 
 # For a program that is one file to carry to another machine. macOS has the C++ library everywhere,
