@@ -452,7 +452,7 @@ void Player::checkRecords(const Records& records, const Statuses& before, const 
                ", filter " + std::to_string(ready.begin()->second));
 }
 
-// Writes what there is said to be room for, to a descriptor here and there.
+// Writes what there is said to be room for, now and then. To one descriptor, as two may share it.
 void Player::tryRoom(const Records& records) {
     for (const Record& record : records) {
         const OpenDescriptor* descriptor = descriptors.find(fdOf(record));
@@ -463,6 +463,7 @@ void Player::tryRoom(const Records& records) {
         const ssize_t written = write(fdOf(record), bytes.data(), bytes.size());
         requireOf(record, written == record.data || (written == -1 && errno != EAGAIN),
                   "there is room for what is promised, but for " + std::to_string(written));
+        return;
     }
 }
 
