@@ -155,13 +155,21 @@ Errors Model::applyToTimer(const Record& change) {
     return {0};
 }
 
-// A change of a write filter that answers a record is taken to be for what the record was of.
+// A change of a write filter that answers a record is taken to be for what the record was of. Then
+// the filters may still be there when the number means something that cannot be told from that.
 Errors Model::applyToClosed(const Record& change) {
-    filters.erase({change.ident, EVFILT_READ});
-    filters.erase({change.ident, EVFILT_WRITE});
     Errors errors = {EBADF};
     if ((change.flags & EV_ADD) == 0) errors.insert(ENOENT);
-    if (change.filter == EVFILT_WRITE && answered.contains(fdOf(change))) errors.insert(0);
+    if (change.filter == EVFILT_WRITE && answered.contains(fdOf(change))) {
+        errors.insert(0);
+        if ((change.flags & EV_ADD) != 0)
+            filters[{change.ident, change.filter}] = {.owner = change.udata,
+                                                      .oneShot = (change.flags & EV_ONESHOT) != 0,
+                                                      .isSure = false};
+        return errors;
+    }
+    filters.erase({change.ident, EVFILT_READ});
+    filters.erase({change.ident, EVFILT_WRITE});
     return errors;
 }
 
