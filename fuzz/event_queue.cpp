@@ -101,17 +101,17 @@ private:
     std::set<int> answered;  // descriptors with a record in the last call
 };
 
-// The next descriptor of the number may go on with the filters of what is always ready, or of one
+// A later descriptor of the number may go on with the filters of what is always ready, or of one
 // that has been duplicated, or see up to 31 records of theirs.
 void Model::forget(int fd) {
     const bool mayGoOn = isAlwaysReady(descriptors.find(fd)->kind) || descriptors.hasRelative(fd);
     for (const int16_t filter : {int16_t{EVFILT_READ}, int16_t{EVFILT_WRITE}}) {
         const auto found = filters.find({fd, filter});
         if (found == filters.end()) continue;
-        if (mayGoOn)
-            found->second.isSure = false;
-        else
+        if (found->second.isSure && !mayGoOn)
             filters.erase(found);
+        else
+            found->second.isSure = false;
     }
 }
 
