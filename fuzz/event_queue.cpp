@@ -98,13 +98,15 @@ private:
     const OpenDescriptors& descriptors;
     std::map<Key, Filter> filters;
     std::map<uint64_t, Timer> timers;
-    std::set<int> answered;  // descriptors with a record in the last call
+    std::set<int> duplicated;  // numbers of descriptors that were closed while a duplicate lived
+    std::set<int> answered;    // descriptors with a record in the last call
 };
 
 // A later descriptor of the number may go on with the filters of what is always ready, or of one
 // that has been duplicated, or see up to 31 records of theirs.
 void Model::forget(int fd) {
-    const bool mayGoOn = isAlwaysReady(descriptors.find(fd)->kind) || descriptors.hasRelative(fd);
+    if (descriptors.hasRelative(fd)) duplicated.insert(fd);
+    const bool mayGoOn = isAlwaysReady(descriptors.find(fd)->kind) || duplicated.contains(fd);
     for (const int16_t filter : {int16_t{EVFILT_READ}, int16_t{EVFILT_WRITE}}) {
         const auto found = filters.find({fd, filter});
         if (found == filters.end()) continue;
@@ -479,6 +481,7 @@ void Player::tryRoom(const Records& records) {
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     std::signal(SIGPIPE, SIG_IGN);
+    prepareDescriptors();
     return 0;
 }
 

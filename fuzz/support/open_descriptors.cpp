@@ -36,6 +36,12 @@ int makeListener() {
     return fd;
 }
 
+// Of all TCP pairs. Never closed.
+int sharedListener() {
+    static const int listener = makeListener();
+    return listener;
+}
+
 // What is closed leaves no connection behind that waits for its time: the ports would run out.
 void closeAtOnce(int fd) {
     const struct linger now = {.l_onoff = 1, .l_linger = 0};
@@ -68,6 +74,10 @@ int fileRemainder(int fd) {
 }
 
 }  // namespace
+
+void prepareDescriptors() {
+    sharedListener();
+}
 
 bool hasEnded(DescriptorKind kind, const DescriptorStatus& status, int16_t filter) {
     if (kind == DescriptorKind::Null) return filter == EVFILT_READ;
@@ -185,7 +195,7 @@ void OpenDescriptors::add(int fd, DescriptorKind kind, bool small) {
 }
 
 void OpenDescriptors::openTcpPair(bool small) {
-    static const int listener = makeListener();
+    const int listener = sharedListener();
     const int one = connectTo(listener);
     int other = -1;
     while ((other = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK)) == -1)

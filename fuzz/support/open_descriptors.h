@@ -25,6 +25,9 @@ struct OpenDescriptor {
     ino_t inode;
 };
 
+// Takes the numbers that it needs for itself, before any other is taken. Once.
+void prepareDescriptors();
+
 // Of a descriptor at one moment.
 struct DescriptorStatus {
     short polled = 0;

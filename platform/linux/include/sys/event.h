@@ -37,9 +37,9 @@
 //     keeps its filters. So does a regular file or device that is always ready, closed and opened
 //     again under the same number, and a FIFO or terminal whose only filter is one for writing
 //     that has had room ever since it was added.
-//   - A stream socket closed, without a shutdown, while a duplicate of it lives, whose number has
-//     become a descriptor that is readable and without a filter here: up to 31 records of that
-//     still go to the old filter.
+//   - A stream socket closed, without a shutdown, while a duplicate lives of it or of one that had
+//     the number before, whose number has become a descriptor that is readable and without a filter
+//     here: up to 31 records of that still go to the old filter.
 //   - A write filter that is added or removed in answer to a record without EV_EOF, that is by the
 //     call after the one that returned it, and with its udata, is taken to be for the same
 //     descriptor. If that has been closed in between, the addition fails with EBADF if the call
