@@ -64,7 +64,10 @@ struct Ticket {
 // What the number means now. False, with errno, when it is closed.
 [[nodiscard]] bool currentStatus(int fd, struct stat& status) noexcept;
 
-// The EPOLL bits, which are poll's too, that a read filter waits for.
+// The EPOLL bits, which are poll's too, that come without being asked for.
+inline constexpr uint32_t kEndEvents = EPOLLHUP | EPOLLERR;
+
+// Those that a read filter asks for.
 [[nodiscard]] constexpr uint32_t readEvents(DescriptorKind kind) {
     const bool tellsMore = kind == DescriptorKind::UnixSocket || kind == DescriptorKind::Terminal;
     return EPOLLIN | EPOLLRDHUP | (tellsMore ? EPOLLPRI : 0U);

@@ -1,25 +1,18 @@
 #include "platform/linux/event_queue.h"
 
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <climits>
-#include <ctime>
 #include <new>
 #include <utility>
+
+#include "platform/linux/ready_record.h"
 
 namespace epollqueue {
 
 namespace {
-
-using Nanoseconds = TimerSet::Nanoseconds;
-
-constexpr int64_t kPerSecond = 1'000'000'000;
-constexpr int64_t kPerMillisecond = 1'000'000;
 
 // What one call takes from epoll. Of 1,000 busy connections a message takes 2.4 us of processor
 // time with this many and 2.7 with all at once: what is read in one call and answered in the next
@@ -29,61 +22,13 @@ constexpr size_t kEventBatch = 128;
 // Nothing tells when a regular file grows, so a wait that includes one looks this often.
 constexpr Nanoseconds kFileInterval = 50 * kPerMillisecond;
 
-// Keeps a wait that would find the same again and again from taking all the processor's time.
-constexpr Nanoseconds kPauseWhenRefused = kPerMillisecond;
-
-constexpr uint32_t kEnded = EPOLLHUP | EPOLLERR;
-
 // One in 32 costs a busy socket a thirtieth of a system call a record.
 constexpr int kRecordsOnTrust = 31;
-
-struct timespec toTimespec(Nanoseconds time) {
-    return {.tv_sec = time / kPerSecond, .tv_nsec = time % kPerSecond};
-}
-
-const struct timespec* orForever(const std::optional<Nanoseconds>& timeout,
-                                 struct timespec& storage) {
-    if (!timeout) return nullptr;
-    storage = toTimespec(*timeout);
-    return &storage;
-}
-
-// epoll_pwait2(2) came with Linux 5.11 and is missing from some C libraries and emulators.
-// epoll_wait counts in milliseconds; rounding up never returns too early.
-int waitOnEpoll(int epollFd, std::span<struct epoll_event> events,
-                std::optional<Nanoseconds> timeout) {
-    static std::atomic<bool> havePrecise{true};
-    const int room = static_cast<int>(events.size());
-    if (timeout == 0) return epoll_wait(epollFd, events.data(), room, 0);
-    if (havePrecise) {
-        struct timespec storage;
-        const long count = syscall(SYS_epoll_pwait2, epollFd, events.data(), room,
-                                   orForever(timeout, storage), nullptr, 0);
-        if (count != -1 || errno != ENOSYS) return static_cast<int>(count);
-        havePrecise = false;
-    }
-    const int64_t milliseconds = timeout ? (*timeout + kPerMillisecond - 1) / kPerMillisecond : -1;
-    return epoll_wait(epollFd, events.data(), room,
-                      static_cast<int>(std::min<int64_t>(milliseconds, INT_MAX)));
-}
-
-// poll(2) refuses more at once than the process may have open, and a descriptor may be here twice.
-bool pollNow(std::span<struct pollfd> descriptors) {
-    if (poll(descriptors.data(), descriptors.size(), 0) != -1) return true;
-    if (errno != EINVAL || descriptors.size() < 2) return false;
-    const size_t half = descriptors.size() / 2;
-    return pollNow(descriptors.first(half)) && pollNow(descriptors.subspan(half));
-}
 
 // The kernel has no memory for another watch, or the user has used up all of
 // /proc/sys/fs/epoll/max_user_watches (epoll_ctl(2)).
 bool isShortage(int error) {
     return error == ENOMEM || error == ENOSPC;
-}
-
-void pauseWhenRefused() {
-    const struct timespec pause = toTimespec(kPauseWhenRefused);
-    nanosleep(&pause, nullptr);
 }
 
 void addOnce(std::vector<int>& fds, int fd) {
@@ -97,21 +42,8 @@ void reserveAtLeast(std::vector<Item>& items, size_t count) {
 
 // A wait that was not interrupted, but cannot be, fails the same way when it is called again.
 int failWait() {
-    const int error = errno;
-    if (error != EINTR) pauseWhenRefused();
-    errno = error;
+    if (errno != EINTR) pauseWhenRefused();
     return -1;
-}
-
-bool isValid(const struct timespec& time) {
-    return time.tv_sec >= 0 && time.tv_nsec >= 0 && time.tv_nsec < kPerSecond;
-}
-
-// Far beyond any uptime, and far from overflowing when added to the clock.
-constexpr int64_t kLongestWaitSeconds = 1'000'000'000;
-
-Nanoseconds toNanoseconds(const struct timespec& time) {
-    return std::min<int64_t>(time.tv_sec, kLongestWaitSeconds) * kPerSecond + time.tv_nsec;
 }
 
 }  // namespace
@@ -321,8 +253,7 @@ bool EventQueue::waitWithProbes(std::optional<Nanoseconds> timeout) {
     polled.push_back({.fd = epollFd, .events = POLLIN, .revents = 0});
     for (const Ticket& probe : probes)
         polled.push_back({.fd = probe.fd, .events = pollEvents(probe), .revents = 0});
-    struct timespec storage;
-    const int answers = ppoll(polled.data(), polled.size(), orForever(timeout, storage), nullptr);
+    const int answers = waitOnPoll(polled, timeout);
     // EINVAL: more than the process may have open by now. Without answers they all go to epoll.
     if (answers == -1 && errno != EINVAL) return false;
     takeProbeAnswers();
@@ -356,9 +287,9 @@ void EventQueue::takeEpollEvent(const struct epoll_event& event) {
     Filter& read = descriptor->read;
     Filter& write = descriptor->write;
     if (read.present && !read.probed &&
-        (event.events & (readEvents(descriptor->kind) | kEnded)) != 0)
+        (event.events & (readEvents(descriptor->kind) | kEndEvents)) != 0)
         enqueue(read, {.fd = fd, .filter = EVFILT_READ, .serial = read.serial}, event.events);
-    if (write.present && !write.probed && (event.events & (EPOLLOUT | kEnded)) != 0)
+    if (write.present && !write.probed && (event.events & (EPOLLOUT | kEndEvents)) != 0)
         enqueue(write, {.fd = fd, .filter = EVFILT_WRITE, .serial = write.serial}, event.events);
 }
 
@@ -523,67 +454,6 @@ bool EventQueue::fillProved(Descriptor& descriptor, const Ticket& ticket,
     descriptor.recordsOnTrust = kRecordsOnTrust;
     descriptor.writesMuch = false;
     return fillReadRecord(descriptor, record);
-}
-
-// A read passes over a byte that was sent out of band. TCP's FIONREAD stops at it, a Unix socket's
-// counts it, also after it has been passed over. Bytes that come in between are taken for such
-// ones.
-int64_t EventQueue::countReadable(Descriptor& descriptor) noexcept {
-    const uint32_t seen = descriptor.read.seen;
-    const bool isUnix = descriptor.kind == DescriptorKind::UnixSocket;
-    if (isUnix && (seen & EPOLLPRI) != 0) descriptor.hadOutOfBand = true;
-    // What is readable and cannot be counted is read byte by byte.
-    const int64_t uncounted = (seen & (EPOLLIN | kEnded)) == EPOLLIN ? 1 : 0;
-    const int64_t bytes = readableBytes(descriptor.fd, descriptor.kind).value_or(uncounted);
-    const bool isDoubtful = isUnix ? descriptor.hadOutOfBand
-                                   : descriptor.kind == DescriptorKind::TcpSocket && bytes == 0;
-    if (!isDoubtful || (seen & EPOLLIN) == 0) return bytes;
-    const int64_t peeked = peekedBytes(descriptor.fd, bytes, descriptor.error);
-    if (isUnix && (seen & EPOLLPRI) == 0)
-        descriptor.hadOutOfBand = peeked != readableBytes(descriptor.fd, descriptor.kind);
-    return peeked;
-}
-
-bool EventQueue::fillReadRecord(Descriptor& descriptor, struct kevent& record) noexcept {
-    const uint32_t seen = descriptor.read.seen;
-    const DescriptorKind kind = descriptor.kind;
-    if (kind == DescriptorKind::TcpSocket && (seen & EPOLLHUP) != 0 &&
-        isUnconnectedTcp(descriptor.fd))
-        return false;
-    record.data = countReadable(descriptor);
-    if (kind == DescriptorKind::Terminal && record.data == 0 && isReadable(descriptor.fd)) {
-        // In packet mode a master is readable for a byte that says what has happened. A terminal
-        // without bytes has been given its end-of-file character, unless they have just come, or
-        // it has been hung up. That counts as a byte, as on macOS: the read takes it away, and
-        // finds the end.
-        record.data = (seen & EPOLLPRI) != 0 ? 1 : countReadable(descriptor);
-        if ((seen & kEnded) == 0) record.data = std::max<int64_t>(record.data, 1);
-    }
-    if ((seen & (EPOLLRDHUP | kEnded)) != 0) markEnded(descriptor, seen, record);
-    return record.data > 0 || (record.flags & EV_EOF) != 0;
-}
-
-bool EventQueue::fillWriteRecord(Descriptor& descriptor, struct kevent& record) noexcept {
-    const uint32_t seen = descriptor.write.seen;
-    if (descriptor.kind == DescriptorKind::TcpSocket && (seen & EPOLLHUP) != 0 &&
-        isUnconnectedTcp(descriptor.fd))
-        return false;
-    if ((seen & EPOLLOUT) != 0) record.data = writableBytes(descriptor.fd, descriptor.kind);
-    if ((seen & kEnded) != 0) {
-        markEnded(descriptor, seen, record);
-        // Without a peer a write fails at once, however full the buffer. It has to be tried for
-        // its owner to hear of that.
-        const bool isAlone = (seen & EPOLLHUP) != 0 || descriptor.kind == DescriptorKind::Pipe;
-        if (isAlone) record.data = std::max<int64_t>(record.data, 1);
-    }
-    return record.data > 0 || (record.flags & EV_EOF) != 0;
-}
-
-void EventQueue::markEnded(Descriptor& descriptor, uint32_t seen, struct kevent& record) noexcept {
-    if (isSocket(descriptor.kind) && (seen & EPOLLERR) != 0)
-        if (const int error = takeSocketError(descriptor.fd)) descriptor.error = error;
-    record.flags |= EV_EOF;
-    record.fflags = static_cast<uint32_t>(descriptor.error);
 }
 
 }  // namespace epollqueue

@@ -33,6 +33,7 @@
 
 #include "platform/linux/descriptor_table.h"
 #include "platform/linux/timer_set.h"
+#include "platform/linux/waits.h"
 
 namespace epollqueue {
 
@@ -46,8 +47,6 @@ public:
                  const struct timespec* timeout);
 
 private:
-    using Nanoseconds = TimerSet::Nanoseconds;
-
     // Changes. Each answers with 0 or the error number.
     int apply(const struct kevent& change) noexcept;
     int applyToTimer(const struct kevent& change);
@@ -86,10 +85,6 @@ private:
     [[nodiscard]] bool isOfThisCall(const Ticket& ticket) const noexcept {
         return ticket.serial > lastSerialBefore;
     }
-    static int64_t countReadable(Descriptor& descriptor) noexcept;
-    static bool fillReadRecord(Descriptor& descriptor, struct kevent& record) noexcept;
-    static bool fillWriteRecord(Descriptor& descriptor, struct kevent& record) noexcept;
-    static void markEnded(Descriptor& descriptor, uint32_t seen, struct kevent& record) noexcept;
 
     std::mutex lock;  // guards everything below
     const int epollFd;
