@@ -199,6 +199,12 @@ std::optional<int64_t> leastWritableBytes(int fd, DescriptorKind kind) noexcept 
     return std::nullopt;
 }
 
+bool isListening(int fd) noexcept {
+    int listens = 0;
+    socklen_t length = sizeof listens;
+    return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &length) == 0 && listens != 0;
+}
+
 int takeSocketError(int fd) noexcept {
     int error = 0;
     return socketOption(fd, SOL_SOCKET, SO_ERROR, error) ? error : 0;

@@ -67,6 +67,8 @@ enum class DescriptorKind {
 // and for a TCP socket that may have few bytes unsent (TCP_NOTSENT_LOWAT).
 [[nodiscard]] std::optional<int64_t> leastWritableBytes(int fd, DescriptorKind kind) noexcept;
 
+[[nodiscard]] bool isListening(int fd) noexcept;
+
 // The socket's pending error, which the kernel then forgets; 0 without one.
 [[nodiscard]] int takeSocketError(int fd) noexcept;
 

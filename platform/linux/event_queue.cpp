@@ -22,6 +22,11 @@ constexpr size_t kEventBatch = 128;
 // Nothing tells when a regular file grows, so a wait that includes one looks this often.
 constexpr Nanoseconds kFileInterval = 50 * kPerMillisecond;
 
+// The longest wait of a call while additions wait for memory, and how often they are tried before
+// there is held to be none.
+constexpr Nanoseconds kRetryInterval = 50 * kPerMillisecond;
+constexpr int kMostAttempts = 20;
+
 // One in 32 costs a busy socket a thirtieth of a system call a record.
 constexpr int kRecordsOnTrust = 31;
 
@@ -40,6 +45,10 @@ void reserveAtLeast(std::vector<Item>& items, size_t count) {
     if (items.capacity() < count) items.reserve(std::max(count, 2 * items.capacity()));
 }
 
+bool addsToADescriptor(const struct kevent& change) {
+    return change.filter != EVFILT_TIMER && (change.flags & EV_ADD) != 0;
+}
+
 // A wait that was not interrupted, but cannot be, fails the same way when it is called again.
 int failWait() {
     if (errno != EINTR) pauseWhenRefused();
@@ -48,7 +57,9 @@ int failWait() {
 
 }  // namespace
 
-EventQueue::EventQueue(int epollFd_) : epollFd(epollFd_), table(epollFd_), events(kEventBatch) {}
+EventQueue::EventQueue(int epollFd_) : epollFd(epollFd_), table(epollFd_), events(kEventBatch) {
+    reserveForFilters();
+}
 
 int EventQueue::exchange(std::span<const struct kevent> changes, std::span<struct kevent> room,
                          const struct timespec* timeout) {
@@ -59,31 +70,60 @@ int EventQueue::exchange(std::span<const struct kevent> changes, std::span<struc
     }
     ++calls;
     lastSerialBefore = lastSerial;
-    size_t failures = 0;
-    int firstError = 0;
-    for (const struct kevent& change : changes) {
-        const int error = apply(change);
-        if (error == 0) continue;
-        if (firstError == 0) firstError = error;
-        if (failures == room.size()) continue;
-        struct kevent& record = room[failures++];
-        record = change;
-        record.flags |= EV_ERROR;
-        record.data = error;
-        isRefused = isRefused || error == ENOMEM;
-    }
+    Answers answers{.room = room};
+    for (size_t left = postponed.size(); left > 0; --left)
+        if (const auto addition = postponed.take())
+            take(addition->change, addition->attempts, answers);
+    for (const struct kevent& change : changes)
+        take(change, 0, answers);
     if (std::exchange(isRefused, false)) pauseWhenRefused();
-    if (room.empty() && firstError != 0) {
-        errno = firstError;
+    if (room.empty() && answers.firstError != 0) {
+        errno = answers.firstError;
         return -1;
     }
-    if (failures > 0 || room.empty()) return static_cast<int>(failures);
+    if (answers.count > 0 || room.empty()) return static_cast<int>(answers.count);
     return collect(room, timeout);
 }
 
 // Changes
 
+void EventQueue::take(const struct kevent& change, int attempts, Answers& answers) noexcept {
+    const int error = apply(change);
+    if (error == 0 || (error == ENOMEM && postpone(change, attempts, answers))) return;
+    if (answers.firstError == 0) answers.firstError = error;
+    if (answers.count == answers.room.size()) return;
+    struct kevent& record = answers.room[answers.count++];
+    record = change;
+    if (error == ENOMEM && addsToADescriptor(change)) {
+        record.flags = EV_EOF;
+        record.fflags = ENOMEM;
+        record.data = 0;
+    } else {
+        record.flags |= EV_ERROR;
+        record.data = error;
+    }
+}
+
+// Told at once, a lack of memory would end what can still be had; never told, it would leave an
+// owner waiting. So it is told as an end, in the end, but not to a server: that would wait for a
+// connection.
+bool EventQueue::postpone(const struct kevent& change, int attempts,
+                          const Answers& answers) noexcept {
+    isRefused = true;
+    if (!addsToADescriptor(change)) return false;
+    const bool isInVain = attempts >= kMostAttempts && answers.count < answers.room.size() &&
+                          !isListening(static_cast<int>(change.ident));
+    return !isInVain && postponed.put({.change = change, .attempts = attempts + 1});
+}
+
+// It takes the place of one of the same filter that waits for memory.
 int EventQueue::apply(const struct kevent& change) noexcept {
+    const bool hasCancelled = postponed.cancel(change);
+    const int error = applyNow(change);
+    return hasCancelled && error == ENOENT ? 0 : error;
+}
+
+int EventQueue::applyNow(const struct kevent& change) noexcept {
     constexpr unsigned kSupported = EV_ADD | EV_DELETE | EV_ENABLE | EV_ONESHOT;
     if ((change.flags & ~kSupported) != 0) return EINVAL;
     try {
@@ -116,14 +156,14 @@ int EventQueue::applyToDescriptor(const struct kevent& change) {
     if (!descriptor || !answersRecord(*descriptor, change)) {
         struct stat status;
         if (!currentStatus(fd, status)) {
-            const int error = errno;
-            if (error == EBADF) table.forget(fd);
-            return error;
+            if (errno != EBADF) return ENOMEM;  // the only reason that is left (fstat(2))
+            table.forget(fd);
+            return EBADF;
         }
         descriptor = table.findUnchanged(fd, status);
         if (!descriptor && isAddition && change.fflags == 0) {
             descriptor = &table.create(fd, status);
-            reserveForWaits();
+            reserveForFilters();
         }
     }
     if (isAddition) return change.fflags == 0 ? addFilter(*descriptor, change) : EINVAL;
@@ -133,12 +173,15 @@ int EventQueue::applyToDescriptor(const struct kevent& change) {
     return 0;
 }
 
-// A wait needs no memory then: what there is none for is refused when it is added, which its owner
-// hears of, and waits that fail would say nothing to anybody.
-void EventQueue::reserveForWaits() {
+// From then on a descriptor of the table needs no memory, neither for a second filter nor for waits:
+// the owner of a filter that is already there could not be told of a lack of it.
+void EventQueue::reserveForFilters() {
     const size_t filters = 2 * table.size();
     reserveAtLeast(ready, filters + 2 * events.size());
     reserveAtLeast(polled, 1 + filters);
+    reserveAtLeast(probes, filters);
+    reserveAtLeast(files, table.size());
+    reserveAtLeast(datagrams, table.size());
 }
 
 // A write filter is armed and removed for every message, in answer to the record of the message
@@ -211,6 +254,7 @@ void EventQueue::removeFilter(Descriptor& descriptor, Filter& filter) noexcept {
 int EventQueue::collect(std::span<struct kevent> room, const struct timespec* timeout) {
     std::optional<Nanoseconds> end;
     if (timeout) end = TimerSet::now() + toNanoseconds(*timeout);
+    const bool isCutShort = cutShort(end);
     try {
         if (!lookAgainAtLeftovers()) return failWait();
         wakeDatagrams();
@@ -221,13 +265,26 @@ int EventQueue::collect(std::span<struct kevent> room, const struct timespec* ti
             if (std::exchange(hasStrays, false) && !table.rebuild()) isRefused = true;
             const bool wasRefused = std::exchange(isRefused, false);
             if (count > 0) return static_cast<int>(count);
-            if (end && TimerSet::now() >= *end) return 0;
+            if (end && TimerSet::now() >= *end) {
+                errno = ENOMEM;
+                return isCutShort ? -1 : 0;
+            }
             if (wasRefused) pauseWhenRefused();
         }
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
         return failWait();
     }
+}
+
+// What has been postponed is tried again by the next call, so this one does not wait for long, and
+// tells why, as kevent(2) does.
+bool EventQueue::cutShort(std::optional<Nanoseconds>& end) const noexcept {
+    if (postponed.size() == 0) return false;
+    const Nanoseconds soon = TimerSet::now() + kRetryInterval;
+    if (end && *end <= soon) return false;
+    end = soon;
+    return true;
 }
 
 std::optional<Nanoseconds> EventQueue::waitingTime(std::optional<Nanoseconds> end) const noexcept {

@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "platform/linux/descriptor_table.h"
+#include "platform/linux/postponed_additions.h"
 #include "platform/linux/timer_set.h"
 #include "platform/linux/waits.h"
 
@@ -47,13 +48,23 @@ public:
                  const struct timespec* timeout);
 
 private:
-    // Changes. Each answers with 0 or the error number.
+    // What a call says of changes that fail.
+    struct Answers {
+        std::span<struct kevent> room;
+        size_t count = 0;
+        int firstError = 0;
+    };
+
+    // Changes. apply... answers with 0 or the error number.
+    void take(const struct kevent& change, int attempts, Answers& answers) noexcept;
+    bool postpone(const struct kevent& change, int attempts, const Answers& answers) noexcept;
     int apply(const struct kevent& change) noexcept;
+    int applyNow(const struct kevent& change) noexcept;
     int applyToTimer(const struct kevent& change);
     int applyToDescriptor(const struct kevent& change);
     [[nodiscard]] bool answersRecord(const Descriptor& descriptor,
                                      const struct kevent& change) const noexcept;
-    void reserveForWaits();
+    void reserveForFilters();
     int addFilter(Descriptor& descriptor, const struct kevent& change);
     bool askByPoll(Descriptor& descriptor, int16_t number) noexcept;
     bool enlist(const Descriptor& descriptor, int16_t filter, uint64_t serial);
@@ -61,6 +72,7 @@ private:
 
     // Waiting. False, with errno, when the wait failed.
     int collect(std::span<struct kevent> room, const struct timespec* timeout);
+    bool cutShort(std::optional<Nanoseconds>& end) const noexcept;
     std::optional<Nanoseconds> waitingTime(std::optional<Nanoseconds> end) const noexcept;
     bool waitForReadiness(std::optional<Nanoseconds> timeout);
     bool waitWithProbes(std::optional<Nanoseconds> timeout);
@@ -90,6 +102,7 @@ private:
     const int epollFd;
     DescriptorTable table;
     TimerSet timers;
+    PostponedAdditions postponed;  // every call tries them again
     std::vector<Ticket> ready;
     std::vector<Ticket> probes;
     std::vector<int> files;      // with a filter on something that epoll refuses

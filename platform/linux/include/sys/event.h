@@ -49,6 +49,13 @@
 //   Directories and block devices are refused with EINVAL. One descriptor may be in several queues;
 //   a socket's pending error is told by the first that asks.
 //
+// Memory
+//   An addition to a descriptor that there is no memory for does not fail: it is tried again by
+//   every call, of which none waits longer than 50 ms meanwhile; one that was to wait longer then
+//   fails with ENOMEM. After 20 calls in vain the filter ends instead: EV_EOF, with ENOMEM in
+//   `fflags` and no bytes. That of a listening socket goes on being tried. The second filter of a
+//   descriptor needs no memory.
+//
 // Threads: any; calls on one queue take turns, so one call that waits holds up the others.
 // close(2) of the queue's own descriptor is enough to be rid of it.
 #pragma once
