@@ -37,17 +37,10 @@ void HXKQueueBipipeClient::enableOnData(HXKQueueEventBlock block) {
 
 // A record of another descriptor was meant for an earlier source at this address.
 void HXKQueueBipipeClient::kevent(const struct kevent* record) {
-    const bool isForWriting = record->filter == EVFILT_WRITE;
-    if (!isForWriting && record->filter != EVFILT_READ) return;
-    if (!hxkqueue::isAbout(*record, isForWriting ? outfd : infd)) return;
-    if (hxkqueue::isRefusal(*record)) {
-        stream.logRefusal(*record);
-        stream.callEvent(HXKQueueEventTerminated);
-    } else if (isForWriting) {
+    if (record->filter == EVFILT_WRITE && hxkqueue::isAbout(*record, outfd))
         sendQueued(record);
-    } else {
+    else if (record->filter == EVFILT_READ && hxkqueue::isAbout(*record, infd))
         stream.receive(infd, record->data);
-    }
 }
 
 void HXKQueueBipipeClient::write(const char* bytes, uint64_t size) {

@@ -13,7 +13,8 @@
 //            With closeOnStop, one number for both is closed twice, and by the second time it may
 //            mean another thread's descriptor: hand in a dup(2) instead. On macOS the open file
 //            that is written to raises no SIGPIPE from then on, for all who share it.
-// Errors     as of HXKQueueStreamSocket.
+// Errors     as of HXKQueueStreamSocket. A filter that the kernel refuses to register arrives as
+//            an ordinary record, once: what the read or write then finds is what is reported.
 //
 // Descriptors  any that are in blocking mode:
 //   pipes, FIFOs   The end of the input is Terminated once every writer is gone. Writing goes on
@@ -30,7 +31,7 @@
 //   devices        Those with readiness of their own, as any other. /dev/null is at its end at
 //                  once, and takes everything; on Linux /dev/zero gives one byte per record.
 //   directories    Refused: Terminated, once.
-//   block devices  Refused: Terminated, once.
+//   block devices  Refused: do not use them.
 #pragma once
 
 #include <cstdint>

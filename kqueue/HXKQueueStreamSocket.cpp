@@ -43,14 +43,11 @@ void HXKQueueStreamSocket::enableOnData(HXKQueueEventBlock block) {
 // A record of another descriptor was meant for an earlier source at this address.
 void HXKQueueStreamSocket::kevent(const struct kevent* record) {
     if (!hxkqueue::isAbout(*record, sock)) return;
-    if (record->filter != EVFILT_WRITE && record->filter != EVFILT_READ) return;
-    if (hxkqueue::isRefusal(*record))
-        giveUp(record);
-    else if (record->filter == EVFILT_WRITE && !isConnected)
+    if (record->filter == EVFILT_WRITE && !isConnected)
         finishConnecting(record);
     else if (record->filter == EVFILT_WRITE)
         sendQueued(record);
-    else if (isConnected)
+    else if (record->filter == EVFILT_READ && isConnected)
         stream.receive(sock, record->data);
 }
 
@@ -130,15 +127,6 @@ void HXKQueueStreamSocket::finishConnecting(const struct kevent* record) {
     }
     isConnected = true;
     stream.report(HXKQueueEventConnected);
-}
-
-// Nothing more would be heard of the descriptor.
-void HXKQueueStreamSocket::giveUp(const struct kevent* record) {
-    stream.logRefusal(*record);
-    if (isConnected)
-        stream.callEvent(HXKQueueEventTerminated);
-    else
-        stream.report(HXKQueueEventCannotConnect);
 }
 
 void HXKQueueStreamSocket::sendQueued(const struct kevent* record) {

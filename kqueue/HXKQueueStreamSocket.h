@@ -10,8 +10,7 @@
 // Ownership  the loop keeps the source until its stop has run; the source keeps the loop weakly.
 //            The descriptor belongs to the source with closeOnStop and to the caller without. On
 //            macOS its open file raises no SIGPIPE from then on, for all who share it.
-// Errors     init...: null. A failed read or write is Terminated; so is a filter that the kernel
-//            refuses (CannotConnect while a connect is pending), and a lack of memory for the
+// Errors     init...: null. A failed read or write is Terminated; so is a lack of memory for the
 //            block (said to that block, inside enableOnData), for the bytes that arrive, or for
 //            those to be sent, of which the log tells more.
 #pragma once
@@ -79,7 +78,6 @@ private:
     void submitWriteEvent(uint16_t flags);
 
     void finishConnecting(const struct kevent* record);
-    void giveUp(const struct kevent* record);
     void sendQueued(const struct kevent* record);
 
     std::shared_ptr<const LogHandle> logger;

@@ -31,7 +31,7 @@ void HXKQueueTCPServer::enableOnData(HXKQueueEventBlock block) {
 }
 
 void HXKQueueTCPServer::kevent(const struct kevent* record) {
-    if (record->filter != EVFILT_READ || !listener.mayAccept(this, *record)) return;
+    if (record->filter != EVFILT_READ) return;
     HXKQueueAcceptedConnection connection;
     socklen_t length = sizeof connection.peerAddr;
     connection.sock =

@@ -33,7 +33,7 @@ void HXKQueueUnixServer::enableOnData(HXKQueueEventBlock block) {
 }
 
 void HXKQueueUnixServer::kevent(const struct kevent* record) {
-    if (record->filter != EVFILT_READ || !listener.mayAccept(this, *record)) return;
+    if (record->filter != EVFILT_READ) return;
     HXKQueueAcceptedConnection connection;
     connection.sock = accept(listener.sock, nullptr, nullptr);
     if (connection.sock == -1) {

@@ -65,12 +65,6 @@ void ByteStream::submit(const struct kevent& change) const {
     if (const auto loop = parent.lock()) loop->submitChange(&change);
 }
 
-void ByteStream::logRefusal(const struct kevent& record) const {
-    logger->error("<%p>: cannot register for %s, error %d", static_cast<void*>(&source),
-                  record.filter == EVFILT_READ ? "reading" : "writing",
-                  static_cast<int>(record.data));
-}
-
 // The change is submitted under txlock, here and in send, so that the last one submitted fits the
 // queue: between a look at an empty queue and the removal, another thread's bytes would otherwise
 // lose their filter.

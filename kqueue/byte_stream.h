@@ -30,12 +30,6 @@ namespace hxkqueue {
     return record.ident == static_cast<uint64_t>(fd);
 }
 
-// Whether the kernel has refused the filter. What the record holds is an error number then, and no
-// count of bytes: a read of so many would wait for the peer, and a write for its room.
-[[nodiscard]] inline bool isRefusal(const struct kevent& record) noexcept {
-    return (record.flags & EV_ERROR) != 0;
-}
-
 class ByteStream {
 public:
     // What send does when there is nothing to write or no room: to write no bytes is a call that
@@ -58,9 +52,6 @@ public:
 
     // Hands a change to the loop, if that still exists.
     void submit(const struct kevent& change) const;
-
-    // Logs that the kernel has refused a filter.
-    void logRefusal(const struct kevent& record) const;
 
     // Queues a copy of the bytes and submits the arming of the write filter; nothing for a size
     // of 0. Without memory for the copy no bytes are queued any more, and with its next record the

@@ -1,10 +1,8 @@
 #include "kqueue/listening_socket.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <new>
 #include <utility>
 
@@ -25,17 +23,6 @@ void ListeningSocket::enable(HXKQueueEventProtocol* server, HXKQueueEventBlock b
         return;
     }
     submitReadEvent(server, EV_ADD | EV_ENABLE);
-}
-
-// On a descriptor that is no good accept fails at once.
-bool ListeningSocket::mayAccept(HXKQueueEventProtocol* server, const struct kevent& record) const {
-    if ((record.flags & EV_ERROR) == 0 || record.data == EBADF) return true;
-    submitReadEvent(server, EV_ADD | EV_ENABLE);
-    struct pollfd state = {.fd = sock, .events = POLLIN, .revents = 0};
-    if (poll(&state, 1, 0) == 1) return true;
-    logger->error("<%p>: cannot register for connections, error %d", static_cast<void*>(server),
-                  static_cast<int>(record.data));
-    return false;
 }
 
 void ListeningSocket::offer(const std::shared_ptr<HXKQueueEventProtocol>& server,

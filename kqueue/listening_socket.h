@@ -4,8 +4,6 @@
 // Ownership  owns sock from the moment the server stores it.
 #pragma once
 
-#include <sys/event.h>
-
 #include <cstdint>
 #include <memory>
 
@@ -27,11 +25,6 @@ public:
 
     // Keeps the block and registers sock for reading on behalf of server.
     void enable(HXKQueueEventProtocol* server, HXKQueueEventBlock block);
-
-    // Whether to call accept for a record of the read filter. It would wait, and the loop with it,
-    // if the kernel has refused the filter and nobody has connected yet: false then. The filter is
-    // asked for again in any case.
-    [[nodiscard]] bool mayAccept(HXKQueueEventProtocol* server, const struct kevent& record) const;
 
     // Offers the connection to the owner, and closes it when the owner declines.
     void offer(const std::shared_ptr<HXKQueueEventProtocol>& server,

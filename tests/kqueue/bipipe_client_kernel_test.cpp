@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <future>
 #include <thread>
@@ -279,19 +278,6 @@ TEST_F(BipipeAndKernel, RecordOfADescriptorThatIsNotTheFiltersIsIgnored) {
     kernel.settle();
     EXPECT_EQ(events.codes(), std::vector<int32_t>{HXKQueueEventConnected});
     EXPECT_TRUE(kernel.changes().empty());
-}
-
-// To read or write as many bytes as the error's number would wait for the other end.
-TEST_F(BipipeAndKernel, RefusedFilterIsTerminatedWithoutAReadOrAWrite) {
-    start();
-    loop->write(bipipe, "queued", 6);
-    report(EVFILT_READ, ENOMEM, kArm | EV_ERROR);
-    report(EVFILT_WRITE, ENOMEM, kArm | EV_ERROR);
-    EXPECT_EQ(events.count(HXKQueueEventTerminated), 2U);
-    EXPECT_EQ(arrived(), "");
-    const std::string line = "error " + tagOf(bipipe.get()) + ": cannot register for ";
-    EXPECT_EQ(log.errors(),
-              (std::vector<std::string>{line + "reading, error 12", line + "writing, error 12"}));
 }
 
 }  // namespace

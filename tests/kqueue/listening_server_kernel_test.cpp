@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstring>
 
 #include "kqueue/HXKQueueTCPServer.h"
@@ -82,20 +81,6 @@ TEST_F(UnixServerAndKernel, RecordOfAnotherFilterIsIgnored) {
     EXPECT_TRUE(events.all().empty());
 }
 
-// accept would wait for a connection, and the loop with it.
-TEST_F(UnixServerAndKernel, RefusedFilterIsAskedForAgainWithoutAnAccept) {
-    report(EVFILT_READ, ENOMEM, EV_ADD | EV_ENABLE | EV_ERROR);
-    EXPECT_TRUE(events.all().empty());
-    EXPECT_EQ(kernel.changes(), std::vector<Change>{listener});
-    const std::vector<std::string> said = {"error " + tagOf(server.get()) +
-                                           ": cannot register for connections, error 12"};
-    EXPECT_EQ(log.errors(), said);
-    connectClient();
-    report(EVFILT_READ, ENOMEM, EV_ADD | EV_ENABLE | EV_ERROR);
-    EXPECT_EQ(events.count(HXKQueueEventData), 1U);
-    EXPECT_EQ(log.errors(), said);
-}
-
 TEST_F(UnixServerAndKernel, StopRemovesTheFilterWhileTheDescriptorIsOpen) {
     std::atomic<bool> wasOpen{false};
     kernel.beforeNextRemoval(
@@ -166,15 +151,6 @@ TEST_F(TcpServerAndKernel, OneRecordIsOneConnectionWhateverElseItSays) {
     report(EVFILT_READ, 1, EV_EOF);
     report(EVFILT_READ, 1, EV_ERROR);
     EXPECT_EQ(events.count(HXKQueueEventData), 4U);
-}
-
-TEST_F(TcpServerAndKernel, RefusedFilterIsAskedForAgainWithoutAnAccept) {
-    kernel.reset();
-    report(EVFILT_READ, ENOMEM, EV_ADD | EV_ENABLE | EV_ERROR);
-    EXPECT_EQ(kernel.changes().size(), 1U);
-    EXPECT_EQ(log.errors(),
-              std::vector<std::string>{"error " + tagOf(server.get()) +
-                                       ": cannot register for connections, error 12"});
 }
 
 }  // namespace

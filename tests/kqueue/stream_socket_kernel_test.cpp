@@ -301,26 +301,6 @@ TEST_F(StreamSocketAndKernel, RecordOfAnotherDescriptorIsIgnored) {
     EXPECT_TRUE(kernel.changes().empty());
 }
 
-// To read or write as many bytes as the error's number would wait for the peer.
-TEST_F(StreamSocketAndKernel, RefusedFilterIsTerminatedWithoutAReadOrAWrite) {
-    loop->startObject(stream.source, events.dropping(0));
-    ASSERT_EQ(::write(stream.peer, "kept", 4), 4);
-    report(EVFILT_READ, 4);
-    ASSERT_EQ(::write(stream.peer, "there", 5), 5);
-    loop->write(stream.source, "queued", 6);
-    for (const int filter : {EVFILT_READ, EVFILT_WRITE}) {
-        report(filter, ENOMEM, kArm | EV_ERROR);
-        EXPECT_EQ(events.last().code, HXKQueueEventTerminated);
-        EXPECT_EQ(events.last().bytes, "kept");
-    }
-    EXPECT_EQ(events.count(HXKQueueEventTerminated), 2U);
-    EXPECT_EQ(arrived(), "");
-    EXPECT_EQ(stream.source->pendingBytes(), 6U);
-    const std::string line = "error " + tagOf(stream.source.get()) + ": cannot register for ";
-    EXPECT_EQ(log.errors(),
-              (std::vector<std::string>{line + "reading, error 12", line + "writing, error 12"}));
-}
-
 // A client whose connect stays pending, because the listener's backlog is full.
 class PendingConnectAndKernel : public LoopTest {
 protected:
@@ -405,12 +385,6 @@ TEST_F(PendingConnectAndKernel, WriteRecordWithTheEndMeansCannotConnectAndChange
     EXPECT_EQ(events.codes(), std::vector<int32_t>{HXKQueueEventCannotConnect});
     EXPECT_TRUE(changes().empty());
     report(EVFILT_WRITE, EV_EOF, 100);
-    EXPECT_EQ(events.codes(), (std::vector<int32_t>(2, HXKQueueEventCannotConnect)));
-}
-
-TEST_F(PendingConnectAndKernel, RefusedFilterMeansCannotConnect) {
-    for (const int filter : {EVFILT_READ, EVFILT_WRITE})
-        report(filter, kArm | EV_ERROR, ENOMEM);
     EXPECT_EQ(events.codes(), (std::vector<int32_t>(2, HXKQueueEventCannotConnect)));
 }
 
