@@ -1,8 +1,7 @@
-// What the code under test writes to a standard stream, in memory. The fuzzer's own stream stays
-// what it was, because it is another handle of the same descriptor.
+// What the code under test writes to a standard stream, or to that stream's descriptor, in memory.
+// The fuzzer's own stream stays what it was, because it is another handle of the same descriptor.
 #pragma once
 
-#include <cstddef>
 #include <cstdio>
 #include <string>
 
@@ -20,6 +19,4 @@ public:
 private:
     std::FILE*& stream;
     std::FILE* const original;
-    char* bytes = nullptr;
-    size_t size = 0;
 };

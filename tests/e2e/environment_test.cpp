@@ -150,7 +150,8 @@ TEST_F(Environment, FileCreationMaskThatAllowsNothingChangesNothing) {
 
 TEST_F(Environment, NeitherVariablesNorADirectoryAreNeeded) {
     const std::string command =
-        "directory=$(mktemp -d) && cd \"$directory\" && rmdir \"$directory\" && exec env -i \"$@\"";
+        "directory=$(mktemp -d) && cd \"$directory\" && rmdir \"$directory\" && " +
+        std::string(kWithoutVariables) + "\"$@\"";
     EXPECT_EQ(exchange(command, kListReply).outcome, printed(kReport));
 }
 

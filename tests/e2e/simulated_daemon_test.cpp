@@ -179,9 +179,10 @@ TEST_F(WithSimulatedDaemon, HundredUtilitiesAtOnceAllGetTheirAnswers) {
 }
 
 TEST_F(WithSimulatedDaemon, IsServedWhateverTheDaemonWasStartedIn) {
-    for (const char* surroundings :
-         {"exec \"$@\" 0<&- 1>&-", "exec \"$@\" 1>&- 2>&-", "exec \"$@\" 0<&- 1>&- 2>&-",
-          "umask 777 && exec env -i \"$@\""}) {
+    const std::string bare = "umask 777 && " + std::string(kWithoutVariables) + "\"$@\"";
+    for (const std::string& surroundings :
+         {std::string("exec \"$@\" 0<&- 1>&-"), std::string("exec \"$@\" 1>&- 2>&-"),
+          std::string("exec \"$@\" 0<&- 1>&- 2>&-"), bare}) {
         RunningProgram daemon({"/bin/sh", "-c", surroundings, "sh", SIM_PROGRAM, "--inventory",
                                directory / "inventory.json"});
         const Clock::time_point deadline = Clock::now() + kPatience;

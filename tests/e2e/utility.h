@@ -10,6 +10,11 @@
 
 using Words = std::vector<std::string>;
 
+// For a shell: runs what follows without variables, but for one that an emulator finds libraries
+// by.
+inline constexpr const char* kWithoutVariables =
+    "exec env -i ${QEMU_LD_PREFIX:+\"QEMU_LD_PREFIX=$QEMU_LD_PREFIX\"} ";
+
 // words are the arguments after the program's name.
 [[nodiscard]] Outcome runUtility(const Words& words);
 [[nodiscard]] RunningProgram startUtility(const Words& words);

@@ -51,9 +51,20 @@ size_t threadsOfThisProcess() {
     return count;
 }
 
+// A thread that is at its end is still there for a moment.
+bool waitForThreads(size_t count) {
+    const Clock::time_point end = Clock::now() + kPatience;
+    while (threadsOfThisProcess() > count && Clock::now() < end)
+        std::this_thread::yield();
+    return threadsOfThisProcess() <= count;
+}
+
 // With it comes one of the thread sanitizer's own, which stays.
 void makeFirstThread() {
-    std::thread([] { std::this_thread::yield(); }).join();
+    std::string entry = "/proc/self/task/";
+    std::thread([&entry] { entry += std::to_string(gettid()); }).join();
+    while (access(entry.c_str(), F_OK) == 0)
+        std::this_thread::yield();
 }
 
 // Without what malloc keeps for later.
@@ -401,6 +412,7 @@ TEST(Soak, OfConnectionsPipesAndTimersLosesNothingAndLeavesNothing) {
                                                 "error cannot initialize unix socket object");
         EXPECT_EQ(log.errors(), refusals);
     }
+    EXPECT_TRUE(waitForThreads(before.threads)) << "a thread that does not end";
     const Holdings after;
     after.print("after");
     EXPECT_EQ(after.descriptors, before.descriptors);
