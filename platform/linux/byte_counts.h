@@ -47,7 +47,7 @@ enum class DescriptorKind {
 [[nodiscard]] std::optional<int64_t> readableBytes(int fd, DescriptorKind kind) noexcept;
 
 // What read(2) would find now in a stream socket whose FIONREAD is no help, up to the given number
-// and at least up to a few thousand. error is what the kernel then says of the socket, and forgets;
+// or a few million if that is less. error is what the kernel then says of the socket, and forgets;
 // it is left alone if that is nothing.
 [[nodiscard]] int64_t peekedBytes(int fd, int64_t most, int& error) noexcept;
 

@@ -96,13 +96,16 @@ Descriptor& DescriptorTable::create(int fd, const struct stat& status) {
     if (made->kind == DescriptorKind::OtherDevice && isAcceptedByEpoll(epollFd, fd))
         made->kind = DescriptorKind::OtherPollable;
     made->leastRoom = leastWritableBytes(fd, made->kind).value_or(0);
+    if (!descriptors[index]) ++entries;
     descriptors[index] = std::move(made);
     return *descriptors[index];
 }
 
 void DescriptorTable::forget(int fd) noexcept {
     const auto index = static_cast<size_t>(fd);
-    if (index < descriptors.size()) descriptors[index] = nullptr;
+    if (index >= descriptors.size() || !descriptors[index]) return;
+    descriptors[index] = nullptr;
+    --entries;
 }
 
 // EEXIST: the descriptor had been forgotten, and was made again from a duplicate of itself.

@@ -77,8 +77,7 @@ class DescriptorTable {
 public:
     explicit DescriptorTable(int epollFd) noexcept;
 
-    // More than every number that has an entry.
-    [[nodiscard]] size_t size() const noexcept { return descriptors.size(); }
+    [[nodiscard]] size_t count() const noexcept { return entries; }
 
     // By number alone. Null when there is no entry.
     [[nodiscard]] Descriptor* find(int fd) const noexcept;
@@ -113,6 +112,7 @@ private:
 
     const int epollFd;
     std::vector<std::unique_ptr<Descriptor>> descriptors;  // by number
+    size_t entries = 0;
     uint32_t lastGeneration = 0;
 };
 

@@ -19,13 +19,12 @@ namespace {
 // then stays in the processor's caches in between.
 constexpr size_t kEventBatch = 128;
 
-// Nothing tells when a regular file grows, so a wait that includes one looks this often.
-constexpr Nanoseconds kFileInterval = 50 * kPerMillisecond;
+// Nothing tells when a regular file grows, or when there is memory again, so a wait that includes
+// such a filter looks this often.
+constexpr Nanoseconds kLookInterval = 50 * kPerMillisecond;
 
-// The longest wait of a call while additions wait for memory, and how often they are tried before
-// there is held to be none.
-constexpr Nanoseconds kRetryInterval = 50 * kPerMillisecond;
-constexpr int kMostAttempts = 20;
+// A lack of memory that has lasted this long is told of.
+constexpr Nanoseconds kPatience = 500 * kPerMillisecond;
 
 // One in 32 costs a busy socket a thirtieth of a system call a record.
 constexpr int kRecordsOnTrust = 31;
@@ -45,8 +44,8 @@ void reserveAtLeast(std::vector<Item>& items, size_t count) {
     if (items.capacity() < count) items.reserve(std::max(count, 2 * items.capacity()));
 }
 
-bool addsToADescriptor(const struct kevent& change) {
-    return change.filter != EVFILT_TIMER && (change.flags & EV_ADD) != 0;
+bool isAddition(const struct kevent& change) {
+    return (change.flags & (EV_ADD | EV_DELETE)) == EV_ADD;
 }
 
 // A wait that was not interrupted, but cannot be, fails the same way when it is called again.
@@ -58,7 +57,7 @@ int failWait() {
 }  // namespace
 
 EventQueue::EventQueue(int epollFd_) : epollFd(epollFd_), table(epollFd_), events(kEventBatch) {
-    reserveForFilters();
+    reserveForFilters(0);
 }
 
 int EventQueue::exchange(std::span<const struct kevent> changes, std::span<struct kevent> room,
@@ -71,12 +70,9 @@ int EventQueue::exchange(std::span<const struct kevent> changes, std::span<struc
     ++calls;
     lastSerialBefore = lastSerial;
     Answers answers{.room = room};
-    for (size_t left = postponed.size(); left > 0; --left)
-        if (const auto addition = postponed.take())
-            take(addition->change, addition->attempts, answers);
+    retryPostponed(answers);
     for (const struct kevent& change : changes)
-        take(change, 0, answers);
-    if (std::exchange(isRefused, false)) pauseWhenRefused();
+        answerChange(change, answers);
     if (room.empty() && answers.firstError != 0) {
         errno = answers.firstError;
         return -1;
@@ -87,43 +83,55 @@ int EventQueue::exchange(std::span<const struct kevent> changes, std::span<struc
 
 // Changes
 
-void EventQueue::take(const struct kevent& change, int attempts, Answers& answers) noexcept {
-    const int error = apply(change);
-    if (error == 0 || (error == ENOMEM && postpone(change, attempts, answers))) return;
-    if (answers.firstError == 0) answers.firstError = error;
-    if (answers.count == answers.room.size()) return;
-    struct kevent& record = answers.room[answers.count++];
+void EventQueue::Answers::fail(const struct kevent& change, int error) noexcept {
+    if (firstError == 0) firstError = error;
+    if (count == room.size()) return;
+    struct kevent& record = room[count++];
     record = change;
-    if (error == ENOMEM && addsToADescriptor(change)) {
-        record.flags = EV_EOF;
-        record.fflags = ENOMEM;
-        record.data = 0;
-    } else {
-        record.flags |= EV_ERROR;
-        record.data = error;
+    record.flags |= EV_ERROR;
+    record.data = error;
+}
+
+void EventQueue::Answers::tellEnd(const struct kevent& addition) noexcept {
+    if (firstError == 0) firstError = ENOMEM;
+    if (count == room.size() || isListening(static_cast<int>(addition.ident))) return;
+    EV_SET(&room[count++], addition.ident, addition.filter, EV_EOF, ENOMEM, 0, addition.udata);
+}
+
+// A change of a filter that waits for memory succeeds as if it were there.
+void EventQueue::answerChange(const struct kevent& change, Answers& answers) noexcept {
+    const int error = apply(change);
+    if (error == ENOMEM && change.filter != EVFILT_TIMER) {
+        if (!postponed.put(change)) answers.tellEnd(change);
+        return;
     }
+    const bool wasPostponed = !postponed.isEmpty() && postponed.contains(change);
+    if (wasPostponed && error != EINVAL && (change.flags & (EV_ADD | EV_DELETE)) != 0)
+        postponed.cancel(change);
+    if (error != 0 && !(wasPostponed && error == ENOENT)) answers.fail(change, error);
 }
 
 // Told at once, a lack of memory would end what can still be had; never told, it would leave an
-// owner waiting. So it is told as an end, in the end, but not to a server: that would wait for a
-// connection.
-bool EventQueue::postpone(const struct kevent& change, int attempts,
-                          const Answers& answers) noexcept {
-    isRefused = true;
-    if (!addsToADescriptor(change)) return false;
-    const bool isInVain = attempts >= kMostAttempts && answers.count < answers.room.size() &&
-                          !isListening(static_cast<int>(change.ident));
-    return !isInVain && postponed.put({.change = change, .attempts = attempts + 1});
+// owner waiting. Who does not take it for an end may still have the filter later: a stream that has
+// bytes to write does not.
+void EventQueue::retryPostponed(Answers& answers) noexcept {
+    if (postponed.isEmpty()) return;
+    const Nanoseconds now = TimerSet::now();
+    postponed.retry([&](PostponedAdditions::Addition& addition) {
+        const int error = apply(addition.change);
+        if (error == ENOMEM) {
+            const bool isToBeTold = now - addition.since >= kPatience;
+            if (!isToBeTold || answers.count == answers.room.size()) return false;
+            answers.tellEnd(addition.change);
+            addition.since = now;
+            return false;
+        }
+        if (error != 0) answers.fail(addition.change, error);
+        return true;
+    });
 }
 
-// It takes the place of one of the same filter that waits for memory.
 int EventQueue::apply(const struct kevent& change) noexcept {
-    const bool hasCancelled = postponed.cancel(change);
-    const int error = applyNow(change);
-    return hasCancelled && error == ENOENT ? 0 : error;
-}
-
-int EventQueue::applyNow(const struct kevent& change) noexcept {
     constexpr unsigned kSupported = EV_ADD | EV_DELETE | EV_ENABLE | EV_ONESHOT;
     if ((change.flags & ~kSupported) != 0) return EINVAL;
     try {
@@ -148,40 +156,46 @@ int EventQueue::applyToTimer(const struct kevent& change) {
     return timers.add(change, TimerSet::now());
 }
 
+// What a number means may be out of the kernel's sight for a moment (ENOMEM). An addition waits for
+// it then; what the table knows can be removed without.
 int EventQueue::applyToDescriptor(const struct kevent& change) {
     if (change.ident > INT_MAX) return EBADF;
     const int fd = static_cast<int>(change.ident);
-    const bool isAddition = (change.flags & (EV_ADD | EV_DELETE)) == EV_ADD;
     Descriptor* descriptor = table.find(fd);
     if (!descriptor || !answersRecord(*descriptor, change)) {
         struct stat status;
-        if (!currentStatus(fd, status)) {
-            if (errno != EBADF) return ENOMEM;  // the only reason that is left (fstat(2))
+        if (currentStatus(fd, status)) {
+            descriptor = table.findUnchanged(fd, status);
+            if (!descriptor && isAddition(change) && change.fflags == 0)
+                descriptor = &createDescriptor(fd, status);
+        } else if (errno == EBADF) {
             table.forget(fd);
             return EBADF;
-        }
-        descriptor = table.findUnchanged(fd, status);
-        if (!descriptor && isAddition && change.fflags == 0) {
-            descriptor = &table.create(fd, status);
-            reserveForFilters();
+        } else if (isAddition(change)) {
+            return ENOMEM;
         }
     }
-    if (isAddition) return change.fflags == 0 ? addFilter(*descriptor, change) : EINVAL;
+    if (isAddition(change)) return change.fflags == 0 ? addFilter(*descriptor, change) : EINVAL;
     if (!descriptor || !descriptor->filter(change.filter).present) return ENOENT;
     if ((change.flags & EV_DELETE) != 0)
         removeFilter(*descriptor, descriptor->filter(change.filter));
     return 0;
 }
 
-// From then on a descriptor of the table needs no memory, neither for a second filter nor for waits:
-// the owner of a filter that is already there could not be told of a lack of it.
-void EventQueue::reserveForFilters() {
-    const size_t filters = 2 * table.size();
-    reserveAtLeast(ready, filters + 2 * events.size());
+// From then on it needs no memory, neither for a second filter nor for waits: the owner of a filter
+// that is already there could not be told of a lack of it.
+Descriptor& EventQueue::createDescriptor(int fd, const struct stat& status) {
+    reserveForFilters(table.count() + 1);
+    return table.create(fd, status);
+}
+
+void EventQueue::reserveForFilters(size_t descriptors) {
+    const size_t filters = 2 * descriptors;
+    reserveAtLeast(ready, ready.size() + filters);
     reserveAtLeast(polled, 1 + filters);
     reserveAtLeast(probes, filters);
-    reserveAtLeast(files, table.size());
-    reserveAtLeast(datagrams, table.size());
+    reserveAtLeast(files, descriptors);
+    reserveAtLeast(dozingDatagrams, dozingDatagrams.size() + descriptors);
 }
 
 // A write filter is armed and removed for every message, in answer to the record of the message
@@ -208,7 +222,7 @@ int EventQueue::addFilter(Descriptor& descriptor, const struct kevent& change) {
     filter.oneShot = (change.flags & EV_ONESHOT) != 0;
     filter.udata = change.udata;
     if (error == 0) error = table.watch(descriptor);
-    if (isShortage(error) && askByPoll(descriptor, change.filter)) error = 0;
+    if (isShortage(error)) error = askByPoll(descriptor, change.filter) ? 0 : ENOMEM;
     if (error != 0) removeFilter(descriptor, filter);
     return error;
 }
@@ -220,7 +234,7 @@ bool EventQueue::askByPoll(Descriptor& descriptor, int16_t number) noexcept {
     const auto isItself = [&](const Ticket& probe) { return probe.serial == filter.serial; };
     try {
         if (std::none_of(probes.begin(), probes.end(), isItself))
-            probes.push_back({.fd = descriptor.fd, .filter = number, .serial = filter.serial});
+            addProbe({.fd = descriptor.fd, .filter = number, .serial = filter.serial});
         filter.probed = true;
         return true;
     } catch (const std::bad_alloc&) {
@@ -235,12 +249,21 @@ bool EventQueue::enlist(const Descriptor& descriptor, int16_t filter, uint64_t s
         addOnce(files, descriptor.fd);
         return false;
     }
-    if (filter != EVFILT_WRITE) {
-        if (descriptor.kind == DescriptorKind::OtherSocket) addOnce(datagrams, descriptor.fd);
-        return false;
-    }
-    probes.push_back({.fd = descriptor.fd, .filter = filter, .serial = serial});
+    if (filter != EVFILT_WRITE) return false;
+    addProbe({.fd = descriptor.fd, .filter = filter, .serial = serial});
     return true;
+}
+
+void EventQueue::addProbe(const Ticket& ticket) {
+    if (probes.size() == probes.capacity()) dropStaleProbes();
+    probes.push_back(ticket);
+}
+
+void EventQueue::dropStaleProbes() noexcept {
+    std::erase_if(probes, [this](const Ticket& probe) {
+        const Filter* filter = table.find(probe);
+        return filter == nullptr || !filter->probed;
+    });
 }
 
 void EventQueue::removeFilter(Descriptor& descriptor, Filter& filter) noexcept {
@@ -254,7 +277,6 @@ void EventQueue::removeFilter(Descriptor& descriptor, Filter& filter) noexcept {
 int EventQueue::collect(std::span<struct kevent> room, const struct timespec* timeout) {
     std::optional<Nanoseconds> end;
     if (timeout) end = TimerSet::now() + toNanoseconds(*timeout);
-    const bool isCutShort = cutShort(end);
     try {
         if (!lookAgainAtLeftovers()) return failWait();
         wakeDatagrams();
@@ -265,11 +287,11 @@ int EventQueue::collect(std::span<struct kevent> room, const struct timespec* ti
             if (std::exchange(hasStrays, false) && !table.rebuild()) isRefused = true;
             const bool wasRefused = std::exchange(isRefused, false);
             if (count > 0) return static_cast<int>(count);
-            if (end && TimerSet::now() >= *end) {
-                errno = ENOMEM;
-                return isCutShort ? -1 : 0;
-            }
+            if (end && TimerSet::now() >= *end) return 0;
             if (wasRefused) pauseWhenRefused();
+            Answers answers{.room = room};
+            retryPostponed(answers);
+            if (answers.count > 0) return static_cast<int>(answers.count);
         }
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
@@ -277,31 +299,18 @@ int EventQueue::collect(std::span<struct kevent> room, const struct timespec* ti
     }
 }
 
-// What has been postponed is tried again by the next call, so this one does not wait for long, and
-// tells why, as kevent(2) does.
-bool EventQueue::cutShort(std::optional<Nanoseconds>& end) const noexcept {
-    if (postponed.size() == 0) return false;
-    const Nanoseconds soon = TimerSet::now() + kRetryInterval;
-    if (end && *end <= soon) return false;
-    end = soon;
-    return true;
-}
-
 std::optional<Nanoseconds> EventQueue::waitingTime(std::optional<Nanoseconds> end) const noexcept {
     if (!ready.empty()) return 0;
     const std::optional<Nanoseconds> due = timers.nextDeadline();
     if (due && (!end || *due < *end)) end = due;
-    if (!end && files.empty()) return std::nullopt;
-    const Nanoseconds now = TimerSet::now();
-    const Nanoseconds longest = end ? std::max<Nanoseconds>(*end - now, 0) : kFileInterval;
-    return files.empty() ? longest : std::min(longest, kFileInterval);
+    const bool looksAgain = !files.empty() || !postponed.isEmpty();
+    if (!end) return looksAgain ? std::optional(kLookInterval) : std::nullopt;
+    const Nanoseconds longest = std::max<Nanoseconds>(*end - TimerSet::now(), 0);
+    return looksAgain ? std::min(longest, kLookInterval) : longest;
 }
 
 bool EventQueue::waitForReadiness(std::optional<Nanoseconds> timeout) {
-    std::erase_if(probes, [this](const Ticket& probe) {
-        const Filter* filter = table.find(probe);
-        return filter == nullptr || !filter->probed;
-    });
+    dropStaleProbes();
     return probes.empty() ? takeEpollEvents(timeout) : waitWithProbes(timeout);
 }
 
@@ -326,7 +335,6 @@ short EventQueue::pollEvents(const Ticket& ticket) const noexcept {
 
 // Room comes first: what a dozing descriptor reports is not reported again.
 bool EventQueue::takeEpollEvents(std::optional<Nanoseconds> timeout) {
-    ready.reserve(ready.size() + 2 * events.size());
     const int count = waitOnEpoll(epollFd, events, timeout);
     if (count == -1) return false;
     for (const struct epoll_event& event : std::span(events).first(static_cast<size_t>(count)))
@@ -350,17 +358,17 @@ void EventQueue::takeEpollEvent(const struct epoll_event& event) {
         enqueue(write, {.fd = fd, .filter = EVFILT_WRITE, .serial = write.serial}, event.events);
 }
 
-// One that is not ready now is handed to epoll, or, should epoll refuse it, asked again.
+// One that is not ready now is handed to epoll, or, should epoll refuse it, asked again. epoll
+// tells files apart, poll does not.
 void EventQueue::takeProbeAnswers() {
     for (size_t i = 0; i < probes.size(); ++i) {
         Filter* filter = table.find(probes[i]);
-        Descriptor* descriptor = table.find(probes[i].fd);
+        if (!filter) continue;
         const auto answer = static_cast<uint16_t>(polled[i + 1].revents);
-        // epoll tells files apart, poll does not
-        if (probes[i].filter == EVFILT_READ) descriptor->recordsOnTrust = 0;
         if (answer != 0) {
+            if (probes[i].filter == EVFILT_READ) table.find(probes[i].fd)->recordsOnTrust = 0;
             enqueue(*filter, probes[i], answer);
-        } else {
+        } else if (Descriptor* descriptor = table.findUnchanged(probes[i].fd)) {
             filter->probed = false;
             if (table.watch(*descriptor) != 0) filter->probed = true;
         }
@@ -388,12 +396,12 @@ bool EventQueue::lookAgainAtLeftovers() {
 }
 
 void EventQueue::wakeDatagrams() noexcept {
-    std::erase_if(datagrams, [this](int fd) {
-        Descriptor* descriptor = table.find(fd);
-        if (!descriptor || descriptor->kind != DescriptorKind::OtherSocket) return true;
-        if (std::exchange(descriptor->dozing, false)) table.watch(*descriptor);
-        return !descriptor->read.present;
-    });
+    for (const int fd : dozingDatagrams)
+        if (Descriptor* descriptor = table.find(fd); descriptor && descriptor->dozing) {
+            descriptor->dozing = false;
+            table.watch(*descriptor);
+        }
+    dozingDatagrams.clear();
 }
 
 // At its end a regular file is silent; the null device has ended.
@@ -467,6 +475,8 @@ bool EventQueue::deliverOne(const Ticket& ticket, struct kevent& record) noexcep
     const bool wasProbed = filter->probed;
     filter->probed = wasProbed && isReady;
     descriptor->dozing = !isReady;
+    if (descriptor->dozing && descriptor->kind == DescriptorKind::OtherSocket)
+        addOnce(dozingDatagrams, descriptor->fd);
     if (table.watch(*descriptor) != 0) {
         filter->probed = wasProbed;
         isRefused = true;

@@ -15,7 +15,8 @@
 //   and a busy socket is asked about once in so many records; whatever looks unusual is proved.
 //   A readiness that turns out to be nothing (no bytes, no end) would come back at once, so its
 //   descriptor dozes: edge-triggered until something is delivered from it. Behind an empty datagram
-//   others show without an edge, so such sockets are woken by every call.
+//   others show without an edge, so such sockets are woken by the next call.
+//   An addition without memory waits in `postponed`, and is tried again by every call.
 //
 // Threads    any; the queue's lock is held throughout a call, the wait included.
 #pragma once
@@ -23,7 +24,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/event.h>
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <mutex>
@@ -53,26 +54,32 @@ private:
         std::span<struct kevent> room;
         size_t count = 0;
         int firstError = 0;
+
+        void fail(const struct kevent& change, int error) noexcept;
+
+        // For want of memory. To a server, which would wait for a connection, nothing is told.
+        void tellEnd(const struct kevent& addition) noexcept;
     };
 
     // Changes. apply... answers with 0 or the error number.
-    void take(const struct kevent& change, int attempts, Answers& answers) noexcept;
-    bool postpone(const struct kevent& change, int attempts, const Answers& answers) noexcept;
+    void answerChange(const struct kevent& change, Answers& answers) noexcept;
+    void retryPostponed(Answers& answers) noexcept;
     int apply(const struct kevent& change) noexcept;
-    int applyNow(const struct kevent& change) noexcept;
     int applyToTimer(const struct kevent& change);
     int applyToDescriptor(const struct kevent& change);
     [[nodiscard]] bool answersRecord(const Descriptor& descriptor,
                                      const struct kevent& change) const noexcept;
-    void reserveForFilters();
+    Descriptor& createDescriptor(int fd, const struct stat& status);
+    void reserveForFilters(size_t descriptors);
     int addFilter(Descriptor& descriptor, const struct kevent& change);
     bool askByPoll(Descriptor& descriptor, int16_t number) noexcept;
     bool enlist(const Descriptor& descriptor, int16_t filter, uint64_t serial);
+    void addProbe(const Ticket& ticket);
+    void dropStaleProbes() noexcept;
     void removeFilter(Descriptor& descriptor, Filter& filter) noexcept;
 
     // Waiting. False, with errno, when the wait failed.
     int collect(std::span<struct kevent> room, const struct timespec* timeout);
-    bool cutShort(std::optional<Nanoseconds>& end) const noexcept;
     std::optional<Nanoseconds> waitingTime(std::optional<Nanoseconds> end) const noexcept;
     bool waitForReadiness(std::optional<Nanoseconds> timeout);
     bool waitWithProbes(std::optional<Nanoseconds> timeout);
@@ -102,11 +109,11 @@ private:
     const int epollFd;
     DescriptorTable table;
     TimerSet timers;
-    PostponedAdditions postponed;  // every call tries them again
+    PostponedAdditions postponed;
     std::vector<Ticket> ready;
     std::vector<Ticket> probes;
-    std::vector<int> files;      // with a filter on something that epoll refuses
-    std::vector<int> datagrams;  // with a read filter
+    std::vector<int> files;            // with a filter on something that epoll refuses
+    std::vector<int> dozingDatagrams;  // since the last call
     std::vector<struct epoll_event> events;
     std::vector<struct pollfd> polled;
     uint64_t lastSerial = 0;

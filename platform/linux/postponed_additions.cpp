@@ -2,45 +2,61 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <new>
+
 #include "platform/linux/descriptor_table.h"
 
 namespace epollqueue {
 
 namespace {
 
-constexpr size_t kMost = 128;
+constexpr size_t kRoom = 128;
 
-bool statusOf(const struct kevent& change, struct stat& status) noexcept {
-    return currentStatus(static_cast<int>(change.ident), status);
+auto isOfTheFilterOf(const struct kevent& change) {
+    return [&change](const PostponedAdditions::Addition& addition) {
+        return addition.change.ident == change.ident && addition.change.filter == change.filter;
+    };
 }
 
 }  // namespace
 
 PostponedAdditions::PostponedAdditions() {
-    waiting.reserve(kMost);
+    waiting.reserve(kRoom);
 }
 
-bool PostponedAdditions::put(const Addition& addition) noexcept {
+bool PostponedAdditions::contains(const struct kevent& change) const noexcept {
+    return std::any_of(waiting.begin(), waiting.end(), isOfTheFilterOf(change));
+}
+
+bool PostponedAdditions::put(const struct kevent& change) noexcept {
+    const auto earlier = std::find_if(waiting.begin(), waiting.end(), isOfTheFilterOf(change));
+    if (earlier != waiting.end()) {
+        earlier->change = change;
+        return true;
+    }
+    Addition addition{.change = change, .since = TimerSet::now(), .file = std::nullopt};
+    if (!isStillMeant(addition)) return true;  // closed meanwhile, so there is nothing to wait for
+    try {
+        waiting.push_back(addition);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+void PostponedAdditions::cancel(const struct kevent& change) noexcept {
+    std::erase_if(waiting, isOfTheFilterOf(change));
+}
+
+// What an open descriptor means may be out of the kernel's sight for a moment (ENOMEM).
+bool PostponedAdditions::isStillMeant(Addition& addition) noexcept {
     struct stat status;
-    if (waiting.size() == kMost || !statusOf(addition.change, status)) return false;
-    waiting.push_back({.addition = addition, .device = status.st_dev, .inode = status.st_ino});
-    return true;
-}
-
-std::optional<PostponedAdditions::Addition> PostponedAdditions::take() noexcept {
-    const Waiting first = waiting.front();
-    waiting.erase(waiting.begin());
-    struct stat status;
-    const bool isStillMeant = statusOf(first.addition.change, status) &&
-                              status.st_dev == first.device && status.st_ino == first.inode;
-    return isStillMeant ? std::optional(first.addition) : std::nullopt;
-}
-
-bool PostponedAdditions::cancel(const struct kevent& change) noexcept {
-    return std::erase_if(waiting, [&](const Waiting& each) {
-               return each.addition.change.ident == change.ident &&
-                      each.addition.change.filter == change.filter;
-           }) != 0;
+    if (!currentStatus(static_cast<int>(addition.change.ident), status)) return errno != EBADF;
+    const auto file = std::pair(status.st_dev, status.st_ino);
+    if (!addition.file) addition.file = file;
+    return addition.file == file;
 }
 
 }  // namespace epollqueue

@@ -1,6 +1,8 @@
-// Additions of filters that there was no memory for, until there is. Internal to platform/linux.
+// Additions of filters that there was no memory for, kept until there is. Internal to
+// platform/linux.
 //
 // Threads    one at a time.
+// Units      times are nanoseconds on TimerSet's clock.
 #pragma once
 
 #include <sys/event.h>
@@ -8,41 +10,50 @@
 
 #include <cstddef>
 #include <optional>
+#include <utility>
 #include <vector>
+
+#include "platform/linux/timer_set.h"
 
 namespace epollqueue {
 
 class PostponedAdditions {
 public:
+    using Nanoseconds = TimerSet::Nanoseconds;
+
     struct Addition {
         struct kevent change;
-        int attempts;  // so far, all in vain
+        Nanoseconds since;  // when memory was first missing, or that was last told
+        // The open file that its number meant then, by device and inode, if that could be told.
+        std::optional<std::pair<dev_t, ino_t>> file;
     };
 
-    // Throws std::bad_alloc. Nothing else here needs memory.
+    // Makes room for 128. Throws std::bad_alloc.
     PostponedAdditions();
 
-    // False when it cannot be kept: there are too many, or its descriptor is closed.
-    bool put(const Addition& addition) noexcept;
+    [[nodiscard]] bool isEmpty() const noexcept { return waiting.empty(); }
+    [[nodiscard]] bool contains(const struct kevent& change) const noexcept;
 
-    // The one that has waited longest, which is no longer here then. None if its number has come to
-    // mean another open file. REQUIRES: size() > 0.
-    std::optional<Addition> take() noexcept;
+    // In place of an earlier one of the same filter, whose time goes on. False when there is no
+    // room and no memory for more of it.
+    [[nodiscard]] bool put(const struct kevent& change) noexcept;
 
-    // Forgets the one of the same filter. Whether there was one.
-    bool cancel(const struct kevent& change) noexcept;
+    void cancel(const struct kevent& change) noexcept;
 
-    [[nodiscard]] size_t size() const noexcept { return waiting.size(); }
+    // Hands each, from the first put to the last, to isSettled(Addition&), and forgets those
+    // that it answers true for; and those whose number has been closed, or means another open file.
+    template <typename IsSettled>
+    void retry(IsSettled isSettled) noexcept {
+        auto kept = waiting.begin();
+        for (Addition& addition : waiting)
+            if (isStillMeant(addition) && !isSettled(addition)) *kept++ = addition;
+        waiting.erase(kept, waiting.end());
+    }
 
 private:
-    // With what its number meant when it was put here.
-    struct Waiting {
-        Addition addition;
-        dev_t device;
-        ino_t inode;
-    };
+    [[nodiscard]] static bool isStillMeant(Addition& addition) noexcept;
 
-    std::vector<Waiting> waiting;  // has its room from the start
+    std::vector<Addition> waiting;
 };
 
 }  // namespace epollqueue

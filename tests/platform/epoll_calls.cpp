@@ -18,6 +18,7 @@ std::atomic<int> questions{0};
 std::atomic<int> failingQueueCreations{0};
 std::atomic<bool> isEpollFull{false};
 std::atomic<bool> isCountRefused{false};
+std::atomic<bool> isStatusUnknown{false};
 std::atomic<int> readAwayBeforeCount{-1};
 std::atomic<bool> isMemoryInfoCut{false};
 
@@ -72,5 +73,9 @@ extern "C" int getsockopt(int fd, int level, int name, void* value, socklen_t* l
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int fstat(int fd, struct stat* status) noexcept {
     ++questions;
+    if (isStatusUnknown) {
+        errno = ENOMEM;
+        return -1;
+    }
     return static_cast<int>(syscall(SYS_newfstatat, fd, "", status, AT_EMPTY_PATH));
 }

@@ -17,6 +17,9 @@ extern std::atomic<bool> isEpollFull;
 // While it is set, a count of readable bytes is refused, as by an emulator that does not know it.
 extern std::atomic<bool> isCountRefused;
 
+// While it is set, the kernel has no memory to tell what a descriptor is.
+extern std::atomic<bool> isStatusUnknown;
+
 // When a count of readable bytes is asked for, those of this descriptor are taken away just before,
 // once; -1 for none.
 extern std::atomic<int> readAwayBeforeCount;

@@ -7,12 +7,12 @@
 //                 sockets, pipes, FIFOs, terminals, and regular files up to their end. At least 1
 //                 while connections wait on a listening socket. EV_EOF once the peer has closed
 //                 its sending side, also while bytes are left; `fflags` is then the socket's
-//                 pending error, if it has one. A byte sent out of band is not counted, but by a
-//                 Unix socket's filter if a read passes over it before a call has seen it. A terminal
-//                 that edits lines counts all that are complete, though each read takes one; an
-//                 end-of-file character with nothing before it counts as one byte, which the read
-//                 takes away without finding any. A regular file is silent at its end, and found
-//                 to have grown within 50 ms; without a size, as in procfs, it is silent
+//                 pending error, if it has one. A byte sent out of band is not counted, except by
+//                 a Unix socket's filter if a read passes over it before a call has seen it. A
+//                 terminal that edits lines counts all that are complete, though each read takes
+//                 one; an end-of-file character with nothing before it counts as one byte, which
+//                 the read takes away without finding any. A regular file is silent at its end,
+//                 and found to have grown within 50 ms; without a size, as in procfs, it is silent
 //                 altogether.
 //                 /dev/null has ended; other devices that are always ready, such as /dev/zero,
 //                 have one byte.
@@ -50,11 +50,12 @@
 //   a socket's pending error is told by the first that asks.
 //
 // Memory
-//   An addition to a descriptor that there is no memory for does not fail: it is tried again by
-//   every call, of which none waits longer than 50 ms meanwhile; one that was to wait longer then
-//   fails with ENOMEM. After 20 calls in vain the filter ends instead: EV_EOF, with ENOMEM in
-//   `fflags` and no bytes. That of a listening socket goes on being tried. The second filter of a
-//   descriptor needs no memory.
+//   An addition of a descriptor's filter does not fail for a lack of memory. It is tried again by
+//   every call, and every 50 ms while a call waits; changes of the filter succeed meanwhile as if
+//   it were there. After each half second in vain a record tells of it: EV_EOF, with ENOMEM in
+//   `fflags` and no bytes; of a listening socket none does. 128 additions can wait, and more as far
+//   as there is memory to keep them; one too many is told at once and not tried again. The second
+//   filter of a descriptor needs no memory.
 //
 // Threads: any; calls on one queue take turns, so one call that waits holds up the others.
 // close(2) of the queue's own descriptor is enough to be rid of it.
@@ -94,11 +95,11 @@ int kqueue(void);
 
 // Applies all the changes, in order, then collects up to nevents records, waiting for the first as
 // long as timeout says (null: without end). A change that fails becomes a record with its own
-// flags, EV_ERROR and the error number in `data`; with such a record there is no wait. The changes
-// after it are applied all the same. Failures beyond nevents have no record; with nevents 0 the
-// call fails with the first one's error. changelist and eventlist may be the same array. Returns
-// the number of records; 0 when the time is up; -1 with errno (EINTR: a signal handler ran, the
-// changes are applied).
+// flags, EV_ERROR and the error number in `data` (but see Memory); with such a record there is no
+// wait. The changes after it are applied all the same. Failures beyond nevents have no record; with
+// nevents 0 the call fails with the first one's error. changelist and eventlist may be the same
+// array. Returns the number of records; 0 when the time is up; -1 with errno (EINTR: a signal
+// handler ran, the changes are applied).
 int kevent(int kq, const struct kevent* changelist, int nchanges, struct kevent* eventlist,
            int nevents, const struct timespec* timeout);
 
