@@ -1,6 +1,8 @@
 # How every target of this project is compiled. The targets link `project_settings` privately,
 # so nothing of this reaches a program that uses the installed library.
 
+include(CheckCXXCompilerFlag)
+
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
@@ -30,16 +32,26 @@ endif()
 # What distributions build their packages with; scripts/check-hardening looks at what came of it. A
 # sanitizer has its own ways, and _FORTIFY_SOURCE needs an optimiser; its level 3 has the reports'
 # short copies checked one by one, for a fifth more instructions. On macOS the compiler's defaults do.
+# Who asks for position-independent code gets that, which goes into a program or a library.
 option(HXUSBVCTL_HARDEN "Build with the protections that distributions build with" ON)
 if(HXUSBVCTL_HARDEN AND NOT HXUSBVCTL_SANITIZE AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
-    target_compile_definitions(project_settings INTERFACE _GLIBCXX_ASSERTIONS)
     set(is_part_of_a_program
-        $<IN_LIST:$<TARGET_PROPERTY:TYPE>,EXECUTABLE;STATIC_LIBRARY;OBJECT_LIBRARY>)
+        "$<IN_LIST:$<TARGET_PROPERTY:TYPE>,EXECUTABLE;STATIC_LIBRARY;OBJECT_LIBRARY>")
+    set(is_left_to_us "$<NOT:$<BOOL:$<TARGET_PROPERTY:POSITION_INDEPENDENT_CODE>>>")
+    set(is_optimised "$<CONFIG:Release,RelWithDebInfo,MinSizeRel>")
+    target_compile_definitions(project_settings INTERFACE _GLIBCXX_ASSERTIONS)
     target_compile_options(project_settings INTERFACE
-        $<${is_part_of_a_program}:-fPIE> -fstack-protector-strong -fstack-clash-protection
-        $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
+        "$<$<AND:${is_part_of_a_program},${is_left_to_us}>:-fPIE>" -fstack-protector-strong
+        "$<${is_optimised}:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
     target_link_options(project_settings INTERFACE
-        $<${is_part_of_a_program}:-pie> -Wl,-z,relro,-z,now,-z,noexecstack)
+        "$<${is_part_of_a_program}:-pie>" -Wl,-z,relro,-z,now,-z,noexecstack)
+    # Unknown to clang for some processors, 64-bit Arm among them.
+    set(CMAKE_REQUIRED_FLAGS -Werror)
+    check_cxx_compiler_flag(-fstack-clash-protection HXUSBVCTL_KNOWS_STACK_CLASH)
+    unset(CMAKE_REQUIRED_FLAGS)
+    if(HXUSBVCTL_KNOWS_STACK_CLASH)
+        target_compile_options(project_settings INTERFACE -fstack-clash-protection)
+    endif()
 endif()
 
 # For a program that is one file to carry to another machine. macOS has the C++ library everywhere,
