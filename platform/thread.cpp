@@ -52,29 +52,29 @@ private:
 // stack allows; a report's buffer and a reply as deep as is read take up to 96 KiB.
 class Attributes {
 public:
-    Attributes() noexcept : usable(pthread_attr_init(&attributes) == 0) {
-        if (!usable) return;
+    Attributes() noexcept : isMade(pthread_attr_init(&attributes) == 0) {
         size_t stack = 0;
-        pthread_attr_getstacksize(&attributes, &stack);
-        pthread_attr_setstacksize(&attributes, std::max(stack, kLeastStack));
-        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+        isUsable = isMade && pthread_attr_getstacksize(&attributes, &stack) == 0 &&
+                   pthread_attr_setstacksize(&attributes, std::max(stack, kLeastStack)) == 0 &&
+                   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0;
     }
     ~Attributes() {
-        if (usable) pthread_attr_destroy(&attributes);
+        if (isMade) pthread_attr_destroy(&attributes);
     }
     Attributes(const Attributes&) = delete;
     Attributes& operator=(const Attributes&) = delete;
 
     // Null when there are none to be had.
     [[nodiscard]] const pthread_attr_t* get() const noexcept {
-        return usable ? &attributes : nullptr;
+        return isUsable ? &attributes : nullptr;
     }
 
 private:
     static constexpr size_t kLeastStack = size_t{1} << 20;
 
     pthread_attr_t attributes{};
-    const bool usable;
+    const bool isMade;
+    bool isUsable = false;
 };
 
 // Runs start(given) on a thread of its own. False when there is none to be had.
