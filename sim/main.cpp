@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 
+#include "platform/standard_descriptors.h"
 #include "sim/built_in_inventory.h"
 #include "sim/daemon.h"
 #include "sim/inventory_file.h"
@@ -73,6 +74,7 @@ int serve(const Options& options) {
 }
 
 int run(std::span<const char* const> arguments) {
+    if (!occupyStandardDescriptors()) return fail("cannot open /dev/null", kFailed);
     std::string error;
     const std::optional<Options> options = parseOptions(arguments, error);
     if (!options) {
