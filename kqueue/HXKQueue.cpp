@@ -147,7 +147,7 @@ bool HXKQueue::stopRemaining() {
 
 std::shared_ptr<HXKQueueStreamSocket> HXKQueue::createStreamSocket(int sock, bool closeOnStop) {
     auto stream = HXKQueueStreamSocket::initWithSocket(sock, closeOnStop, weak_from_this(), logger);
-    if (!stream || !isActiveOnceAdded(stream)) {
+    if (!stream || !tryAddActiveObject(stream)) {
         logger->error("cannot initialize stream socket object");
         return nullptr;
     }
@@ -157,7 +157,7 @@ std::shared_ptr<HXKQueueStreamSocket> HXKQueue::createStreamSocket(int sock, boo
 
 std::shared_ptr<HXKQueueUnixClient> HXKQueue::createUnixClient(const char* path) {
     auto client = HXKQueueUnixClient::initWithParent(weak_from_this(), logger);
-    if (client && !(client->connectToPath(path) && isActiveOnceAdded(client))) {
+    if (client && !(client->connectToPath(path) && tryAddActiveObject(client))) {
         client->stop();  // closes what connectToPath got as far as opening
         client = nullptr;
     }
@@ -171,7 +171,7 @@ std::shared_ptr<HXKQueueUnixClient> HXKQueue::createUnixClient(const char* path)
 
 std::shared_ptr<HXKQueueTCPClient> HXKQueue::createTCPClient(const struct sockaddr* address) {
     auto client = HXKQueueTCPClient::initWithParent(weak_from_this(), logger);
-    if (client && !(client->connectToAddress(address) && isActiveOnceAdded(client))) {
+    if (client && !(client->connectToAddress(address) && tryAddActiveObject(client))) {
         client->stop();  // closes what connectToAddress got as far as opening
         client = nullptr;
     }
@@ -185,7 +185,7 @@ std::shared_ptr<HXKQueueTCPClient> HXKQueue::createTCPClient(const struct sockad
 
 std::shared_ptr<HXKQueueTCPServer> HXKQueue::createTCPServer(const struct sockaddr* address) {
     auto server = HXKQueueTCPServer::initWithSockaddr(address, weak_from_this(), logger);
-    if (server && !isActiveOnceAdded(server)) {
+    if (server && !tryAddActiveObject(server)) {
         server->stop();  // closes its socket
         server = nullptr;
     }
@@ -199,7 +199,7 @@ std::shared_ptr<HXKQueueTCPServer> HXKQueue::createTCPServer(const struct sockad
 
 std::shared_ptr<HXKQueueUnixServer> HXKQueue::createUnixServer(const char* path, uint16_t perm) {
     auto server = HXKQueueUnixServer::initWithPath(path, perm, weak_from_this(), logger);
-    if (server && !isActiveOnceAdded(server)) {
+    if (server && !tryAddActiveObject(server)) {
         server->stop();  // closes its socket
         server = nullptr;
     }
@@ -217,7 +217,7 @@ std::shared_ptr<HXKQueueBipipeClient> HXKQueue::createBipipeClient(const int des
     const int out = descriptors[1];
     auto bipipe =
         HXKQueueBipipeClient::initWithIndesc(in, out, closeOnStop, weak_from_this(), logger);
-    if (!bipipe || !isActiveOnceAdded(bipipe)) {
+    if (!bipipe || !tryAddActiveObject(bipipe)) {
         logger->error("cannot initialize bipipe object");
         return nullptr;
     }
@@ -228,7 +228,7 @@ std::shared_ptr<HXKQueueBipipeClient> HXKQueue::createBipipeClient(const int des
 std::shared_ptr<HXKQueueTimer> HXKQueue::createTimer(uint64_t ms, bool oneShot) {
     int32_t ident = 0;
     auto timer = addTimer(ms, &ident, oneShot);
-    if (timer && !isActiveOnceAdded(timer)) {
+    if (timer && !tryAddActiveObject(timer)) {
         removeTimer(timer);
         timer = nullptr;
     }
@@ -276,7 +276,7 @@ void HXKQueue::addActiveObject(const std::shared_ptr<HXKQueueEventProtocol>& obj
     }
 }
 
-bool HXKQueue::isActiveOnceAdded(const std::shared_ptr<HXKQueueEventProtocol>& object) {
+bool HXKQueue::tryAddActiveObject(const std::shared_ptr<HXKQueueEventProtocol>& object) {
     const std::lock_guard guard(*lock);
     addActiveObject(object);
     return activeList.contains(keyOf(object.get()));

@@ -73,8 +73,8 @@ public:
     // does not return.
     void stop();
 
-    // Each factory registers the source that it returns; it stays silent until startObject.
-    // Null on failure.
+    // Each factory registers the source that it returns; it stays silent until startObject. Null on
+    // failure; descriptors that were given stay the caller's then, whatever closeOnStop says.
 
     // Wraps a connected stream socket. With closeOnStop the source owns the descriptor and closes
     // it when it is stopped; without, it stays the caller's, who closes it after that.
@@ -145,7 +145,9 @@ private:
     struct IOThreadState;
 
     bool initialise(const char* subsystem);
-    [[nodiscard]] bool isActiveOnceAdded(const std::shared_ptr<HXKQueueEventProtocol>& object);
+
+    // False when the object is not registered.
+    [[nodiscard]] bool tryAddActiveObject(const std::shared_ptr<HXKQueueEventProtocol>& object);
     void ioThreadRoutine(void* ignored);
     bool prepareIteration(IOThreadState& io);
     void renewSnapshotUnlocked(SourceMap& snapshot);

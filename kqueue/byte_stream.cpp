@@ -69,9 +69,8 @@ void ByteStream::submit(const struct kevent& change) const {
 // queue: between a look at an empty queue and the removal, another thread's bytes would otherwise
 // lose their filter.
 //
-// The peer cannot make sense of what follows a gap, and the owner would wait for an answer that
-// does not come. It may be inside its block, or hold its locks, so it hears of the end on the I/O
-// thread.
+// Bytes that cannot be queued end the stream: its owner would wait for an answer that does not
+// come. It may be inside its block, or hold its locks, so it hears of that on the I/O thread.
 void ByteStream::queue(const char* bytes, uint64_t size, const struct kevent& arming) {
     if (size == 0) return;
     const std::lock_guard guard(txlock);

@@ -75,7 +75,9 @@ private:
     ByteQueue rx;                         // I/O thread only
     mutable std::recursive_mutex txlock;  // taken before the loop's lock
     ByteQueue tx;                         // guarded by txlock
-    bool txHasGap = false;                // guarded by txlock; bytes are missing behind tx's last
+    // Guarded by txlock. Bytes are missing behind the last of tx, so that a peer could make no
+    // sense of any that followed.
+    bool txHasGap = false;
     EventBlockSlot eventBlock;
 };
 
