@@ -144,7 +144,7 @@ missing_for_fuzzing() {
     has llvm-symbolizer-14 || echo llvm-14
 }
 
-# Other versions of these two format and warn otherwise.
+# Another version of one of these formats, or warns, otherwise.
 missing_for_linting() {
     missing_for_testing
     missing_for_benchmarks
@@ -235,5 +235,27 @@ find_private_run() {
         private=(unshare --mount --)
     elif can_unshare --map-root-user; then
         private=(unshare --mount --map-root-user --)
+    fi
+}
+
+# Sets runner to the command that tests run under, and without_path to why they have no
+# $control_path to run on, or to nothing. Where only root may have namespaces, root makes one for
+# the tests, with a /var/run that is the user's; the tests then take turns on it. Where nobody may,
+# they take turns on the machine's. What runs under sudo is told its variables by env.
+find_test_runner() {
+    runner=()
+    without_path=
+    find_private_run
+    [[ ${#private[@]} -eq 0 ]] || return 0
+    if [[ $EUID -ne 0 ]] && has unshare && has sudo && sudo -n unshare --mount true 2>/dev/null; then
+        # shellcheck disable=SC2016  # expanded by the inner shell
+        runner=(sudo -n unshare --mount -- bash -c
+            'mount -t tmpfs -o "uid=$1,gid=$2,mode=0755" tmpfs /var/run && shift 2 &&
+             exec setpriv --reuid "$SUDO_UID" --regid "$SUDO_GID" --init-groups -- "$@"'
+            bash "$(id -u)" "$(id -g)")
+    elif [[ ! -w $run_directory ]]; then
+        without_path="$no_namespaces and $run_directory is not writable"
+    elif [[ -e $control_path || -L $control_path ]]; then
+        without_path="$no_namespaces and it is in use"
     fi
 }
