@@ -33,8 +33,16 @@ ScriptedPeer::~ScriptedPeer() {
     close(listener);
 }
 
+bool ScriptedPeer::isAwaited() const {
+    return isAwaitedWithin(0);
+}
+
 UnixStream ScriptedPeer::accept() const {
-    pollfd waiting{.fd = listener, .events = POLLIN, .revents = 0};
-    if (poll(&waiting, 1, kPatienceMs) != 1) throw std::runtime_error("nobody connects");
+    if (!isAwaitedWithin(kPatienceMs)) throw std::runtime_error("nobody connects");
     return UnixStream(acceptFrom(listener));
+}
+
+bool ScriptedPeer::isAwaitedWithin(int ms) const {
+    pollfd waiting{.fd = listener, .events = POLLIN, .revents = 0};
+    return poll(&waiting, 1, ms) == 1;
 }

@@ -12,9 +12,14 @@ public:
     ScriptedPeer(const ScriptedPeer&) = delete;
     ScriptedPeer& operator=(const ScriptedPeer&) = delete;
 
+    // Whether a connection waits to be accepted.
+    [[nodiscard]] bool isAwaited() const;
+
     // The next connection. Throws when none comes.
     [[nodiscard]] UnixStream accept() const;
 
 private:
+    [[nodiscard]] bool isAwaitedWithin(int ms) const;
+
     int listener;
 };

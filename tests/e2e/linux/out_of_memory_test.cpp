@@ -6,18 +6,23 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <optional>
+#include <stdexcept>
+#include <string_view>
 #include <thread>
 
 #include "tests/e2e/control_path.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
+#include "tests/kqueue/stress_scale.h"
 
 namespace {
 
-using Milliseconds = std::chrono::milliseconds;
+constexpr std::chrono::seconds kPatience{60};
 
 struct Case {
     Words words;
@@ -41,12 +46,88 @@ const std::vector<Outcome> kFailures = {
     failedWith(5, "cannot convert dictionary to JSON" + kTerminated),
 };
 
+// What a process is about, as the system shows it.
+struct Activity {
+    size_t threads = 0;
+    bool mainSleeps = false;
+    unsigned long mainWaits = 0;    // how often it has begun to wait
+    unsigned long othersWaits = 0;  // of all other threads that there are
+};
+
+// Reads a thread's state, and how often it has begun to wait. False if it has ended.
+bool readThread(const std::filesystem::path& directory, bool& sleeps, unsigned long& waits) {
+    constexpr std::string_view kWaits = "voluntary_ctxt_switches:";
+    std::ifstream status(directory / "status");
+    bool found = false;
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("State:")) sleeps = line.find("S (sleeping)") != std::string::npos;
+        if (!line.starts_with(kWaits)) continue;
+        waits = std::stoul(line.substr(kWaits.size()));
+        found = true;
+    }
+    return found;
+}
+
+Activity activityOf(int pid) {
+    const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
+    Activity activity;
+    std::error_code error;
+    for (std::filesystem::directory_iterator each(tasks, error), end; !error && each != end;
+         each.increment(error)) {
+        bool sleeps = false;
+        unsigned long waits = 0;
+        if (!readThread(*each, sleeps, waits)) continue;
+        ++activity.threads;
+        if (each->path().filename() == std::to_string(pid)) {
+            activity.mainSleeps = sleeps;
+            activity.mainWaits = waits;
+        } else {
+            activity.othersWaits += waits;
+        }
+    }
+    return activity;
+}
+
+// Tells when nothing more will come of the utility by itself: its main thread has slept on, while
+// the loop's has waited so often that it has seen all that there is, or has ended.
+class Rest {
+public:
+    explicit Rest(int pid_) : pid(pid_), last(activityOf(pid)) {}
+
+    // The daemon has done something.
+    void begin() {
+        last = activityOf(pid);
+        looks = 0;
+    }
+
+    [[nodiscard]] bool isReached() {
+        constexpr int kLooks = 20;
+        constexpr unsigned long kWaits = 20;
+        const Activity now = activityOf(pid);
+        const bool isSame = now.mainSleeps && last.mainSleeps && now.mainWaits == last.mainWaits &&
+                            now.threads == last.threads;
+        if (!isSame) {
+            last = now;
+            looks = 0;
+            return false;
+        }
+        return ++looks >= kLooks &&
+               (now.threads == 1 || now.othersWaits >= last.othersWaits + kWaits);
+    }
+
+    [[nodiscard]] bool isAlone() const { return last.threads == 1; }
+
+private:
+    int pid;
+    Activity last;
+    int looks = 0;
+};
+
 class OutOfMemory : public ControlPathTest {
 protected:
     void SetUp() override {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-        GTEST_SKIP() << "left out: a sanitizer has a malloc of its own";
-#endif
+        if (stress::kAddressSanitizer || stress::kThreadSanitizer)
+            GTEST_SKIP() << "left out: a sanitizer has a malloc of its own";
         ControlPathTest::SetUp();
     }
 
@@ -55,8 +136,7 @@ protected:
         bool happened = false;
     };
 
-    // patience is what a daemon has for a client that says nothing.
-    static Run run(const Case& each, unsigned long nth, bool all, Milliseconds patience) {
+    static Run run(const Case& each, unsigned long nth, bool all) {
         const std::string told = std::string(kControlPath) + ".told";
         Words words{"/usr/bin/env", "LD_PRELOAD=" FAILING_MALLOC,
                     "FAILING_MALLOC=" + std::to_string(nth), "FAILING_MALLOC_TOLD=" + told};
@@ -65,30 +145,21 @@ protected:
         words.insert(words.end(), each.words.begin(), each.words.end());
         const ScriptedPeer peer;
         RunningProgram utility(words);
-        std::thread daemon([&] { answer(peer, each.reply, patience); });
-        const bool isEnded = waitForEnd(utility);
-        UnixStream::connectTo(kControlPath).close();  // for a daemon that nobody has come to
+        const bool isEnded = serve(peer, utility, each.reply);
         Run run;
         if (!isEnded) utility.signal(SIGKILL);
         const Outcome outcome = utility.finish();
         if (isEnded) run.outcome = outcome;
-        daemon.join();
         run.happened = std::filesystem::remove(told);
         return run;
     }
 
     // Has each allocation fail in its turn.
     static void sweep(const Case& each, bool all) {
-        constexpr Milliseconds kShort(30);
-        constexpr Milliseconds kLong(5'000);
         size_t waiting = 0;
         unsigned long nth = 1;
         for (;; ++nth) {
-            Run run = OutOfMemory::run(each, nth, all, kShort);
-            // Perhaps the daemon was short of patience. How many allocations there are is also up
-            // to what the two threads do first.
-            if (!run.happened && run.outcome != each.whole)
-                run = OutOfMemory::run(each, nth, all, kLong);
+            const Run run = OutOfMemory::run(each, nth, all);
             if (!run.happened) {
                 EXPECT_EQ(run.outcome, each.whole);
                 break;
@@ -101,54 +172,41 @@ protected:
         EXPECT_GT(nth, 20U);
         // The thread's are its events, its changes and its copy of the sources, which it makes in
         // other places among those of the main thread every time. When all that come later fail,
-        // any may be the thread's.
-        if (!all) {
-            EXPECT_LT(waiting, nth / 4);
-        }
+        // those of the main thread that fail first end the utility; the others are the thread's.
+        EXPECT_LT(waiting, all ? nth / 2 : nth / 4);
         std::printf("%lu allocations failed, %zu of them the thread's\n", nth - 1, waiting);
     }
 
 private:
-    static void answer(const ScriptedPeer& peer, const std::string& reply, Milliseconds patience) {
-        const UnixStream connection = peer.accept();
-        const auto end = std::chrono::steady_clock::now() + patience;
-        while (connection.isSilent()) {
-            if (std::chrono::steady_clock::now() > end) return;
-            std::this_thread::sleep_for(Milliseconds(1));
-        }
-        if (connection.receiveFrame().size() >= 8 && connection.send(reply))
-            static_cast<void>(connection.receiveToEnd());
-    }
-
-    // False when only the main thread is left, and stays. It has made the other one before it
-    // waits.
-    static bool waitForEnd(const RunningProgram& utility) {
-        int samplesAlone = 0;
-        while (utility.isRunning()) {
-            samplesAlone = isParkedAlone(utility.pid()) ? samplesAlone + 1 : 0;
-            if (samplesAlone == 20) return false;
-            std::this_thread::sleep_for(Milliseconds(1));
+    // A daemon that answers one request. A utility that has come to rest without having been
+    // answered, or in spite of it, loses its connection. False when it is at rest without one: its
+    // main thread alone is left, and stays.
+    static bool serve(const ScriptedPeer& peer, const RunningProgram& utility,
+                      const std::string& reply) {
+        std::optional<UnixStream> connection;
+        bool isAnswered = false;
+        Rest rest(utility.pid());
+        const auto deadline = std::chrono::steady_clock::now() + kPatience;
+        for (; utility.isRunning(); std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
+            if (!connection && peer.isAwaited()) {
+                connection.emplace(peer.accept());
+                rest.begin();
+            }
+            if (connection && !isAnswered && !connection->isSilent()) {
+                isAnswered = true;
+                if (connection->receiveFrame().size() >= 8)
+                    static_cast<void>(connection->send(reply));
+                rest.begin();
+            }
+            if (std::chrono::steady_clock::now() > deadline)
+                throw std::runtime_error("the utility neither ends nor comes to rest");
+            if (!rest.isReached()) continue;
+            if (rest.isAlone()) return false;
+            if (connection) connection->close();
+            isAnswered = true;
+            rest.begin();
         }
         return true;
-    }
-
-    static bool isParkedAlone(int pid) {
-        const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-        std::error_code error;
-        std::filesystem::directory_iterator each(tasks, error);
-        const auto count = error ? 0 : std::distance(each, std::filesystem::directory_iterator());
-        if (count != 1) return false;
-        return isSleeping("/proc/" + std::to_string(pid) + "/stat");
-    }
-
-    // The third word: the second is the program's name in brackets.
-    static bool isSleeping(const std::string& path) {
-        std::FILE* file = std::fopen(path.c_str(), "re");
-        if (!file) return false;
-        char state = 0;
-        const int found = std::fscanf(file, "%*d %*s %c", &state);
-        std::fclose(file);
-        return found == 1 && state == 'S';
     }
 
     static bool isAllowed(const Case& each, const Outcome& outcome) {
