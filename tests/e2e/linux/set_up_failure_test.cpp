@@ -9,6 +9,7 @@
 #include "tests/e2e/linux/refused_system_calls.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
+#include "tests/kqueue/stress_scale.h"
 
 namespace {
 
@@ -23,9 +24,8 @@ TEST_F(SetUpFailure, NoKernelQueueExits12) {
 }
 
 TEST_F(SetUpFailure, NoThreadExits12) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "left out: the thread sanitizer makes a thread of its own";
-#endif
+    if (stress::kThreadSanitizer)
+        GTEST_SKIP() << "left out: the thread sanitizer makes a thread of its own";
     const ScriptedPeer peer;
     EXPECT_EQ(runRefusingThreads(kList), failedWith(12, "cannot initialize kqueue\n"));
 }
