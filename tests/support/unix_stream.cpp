@@ -69,6 +69,22 @@ std::string frame(int32_t command, std::string_view payload) {
     return frameHeader(command, static_cast<uint32_t>(payload.size())) += payload;
 }
 
+bool sendDescriptor(int sock, std::string_view bytes, int descriptor) {
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof descriptor)> control{};
+    iovec data{.iov_base = const_cast<char*>(bytes.data()), .iov_len = bytes.size()};
+    msghdr message{};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof descriptor);
+    std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+    return sendQuietly(sock, message) == static_cast<ssize_t>(bytes.size());
+}
+
 UnixStream UnixStream::connectTo(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -105,19 +121,7 @@ bool UnixStream::sendUrgently(std::string_view bytes) const {
 }
 
 bool UnixStream::sendDescriptor(std::string_view bytes, int descriptor) const {
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof descriptor)> control{};
-    iovec data{.iov_base = const_cast<char*>(bytes.data()), .iov_len = bytes.size()};
-    msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr* header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof descriptor);
-    std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-    return sendmsg(sock, &message, 0) == static_cast<ssize_t>(bytes.size());
+    return ::sendDescriptor(sock, bytes, descriptor);
 }
 
 void UnixStream::waitUntilTaken() const {

@@ -15,6 +15,10 @@
 // The eight bytes that announce a payload of the given length.
 [[nodiscard]] std::string frameHeader(int32_t command, uint32_t length);
 
+// Sends the bytes, which must not be empty, and with them the descriptor. False when the other end
+// is gone.
+[[nodiscard]] bool sendDescriptor(int sock, std::string_view bytes, int descriptor);
+
 class UnixStream {
 public:
     [[nodiscard]] static UnixStream connectTo(const std::string& path);
@@ -33,7 +37,7 @@ public:
     // of band.
     [[nodiscard]] bool sendUrgently(std::string_view bytes) const;
 
-    // Along with the bytes, which must not be empty.
+    // As the function of that name.
     [[nodiscard]] bool sendDescriptor(std::string_view bytes, int descriptor) const;
 
     // Returns once the other end has read all that was sent, or has closed; at once where the

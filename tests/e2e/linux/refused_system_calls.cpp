@@ -21,6 +21,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/unix_stream.h"
+
 namespace {
 
 using Filter = std::vector<sock_filter>;
@@ -75,24 +77,6 @@ Outcome runUnder(Filter filter, const std::vector<std::string>& arguments) {
             execv(words[0], words.data());
         _exit(127);
     });
-}
-
-// Hands a descriptor to whoever reads at the other end.
-bool sendDescriptor(int channel, int fd) {
-    char nothing = 0;
-    iovec bytes{.iov_base = &nothing, .iov_len = 1};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> space{};
-    msghdr message{};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    message.msg_control = space.data();
-    message.msg_controllen = space.size();
-    cmsghdr* control = CMSG_FIRSTHDR(&message);
-    control->cmsg_level = SOL_SOCKET;
-    control->cmsg_type = SCM_RIGHTS;
-    control->cmsg_len = CMSG_LEN(sizeof(int));
-    std::memcpy(CMSG_DATA(control), &fd, sizeof fd);
-    return sendmsg(channel, &message, 0) == 1;
 }
 
 // -1 when there is none to come.
@@ -199,7 +183,7 @@ RefusedRun runRefusingOnce(const RefusedCall& call, const std::vector<std::strin
         if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) _exit(127);
         const auto listener = static_cast<int>(syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER,
                                                        SECCOMP_FILTER_FLAG_NEW_LISTENER, &program));
-        if (listener == -1 || !sendDescriptor(channel[1], listener)) _exit(127);
+        if (listener == -1 || !sendDescriptor(channel[1], "!", listener)) _exit(127);
         fcntl(listener, F_SETFD, FD_CLOEXEC);
         execv(words[0], words.data());
         _exit(127);
