@@ -41,6 +41,13 @@ public:
                                        [&] { return state->held <= count; });
     }
 
+    // Waits until as many have been issued in all; false after a minute.
+    [[nodiscard]] bool waitUntilIssued(size_t count) const {
+        std::unique_lock guard(state->lock);
+        return state->changed.wait_for(guard, std::chrono::minutes(1),
+                                       [&] { return state->issued >= count; });
+    }
+
     [[nodiscard]] size_t held() const {
         const std::lock_guard guard(state->lock);
         return state->held;

@@ -49,18 +49,6 @@ bool isSilence(std::string_view message) {
 
 }  // namespace
 
-Conversation::Place::Place() : holder(socket(AF_INET, SOCK_STREAM, 0)) {
-    const int on = 1;
-    socklen_t length = sizeof(sockaddr_in);
-    EXPECT_EQ(setsockopt(holder, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on), 0);
-    EXPECT_EQ(bind(holder, asSockaddr(tcpAddress), length), 0);
-    EXPECT_EQ(getsockname(holder, reinterpret_cast<struct sockaddr*>(&tcpAddress), &length), 0);
-}
-
-Conversation::Place::~Place() {
-    close(holder);
-}
-
 Conversation::Conversation(Owners owners_) : owners(owners_) {
     static_cast<void>(whatIsSaid());
     EXPECT_EQ(pipe(pipeEnds.data()), 0);

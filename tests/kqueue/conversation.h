@@ -5,7 +5,6 @@
 // What it does itself needs no memory and none of the calls that can be made to fail.
 #pragma once
 
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -16,6 +15,7 @@
 #include <string>
 
 #include "kqueue/HXKQueue.h"
+#include "tests/kqueue/held_port.h"
 #include "tests/kqueue/loop_fixture.h"
 
 class Conversation {
@@ -41,18 +41,13 @@ public:
     // The servers' addresses, one after the other for all conversations of a test.
     class Place {
     public:
-        Place();
-        ~Place();
-        Place(const Place&) = delete;
-        Place& operator=(const Place&) = delete;
         [[nodiscard]] const char* path() const { return socketPath.c_str(); }
-        [[nodiscard]] const struct sockaddr* address() const { return asSockaddr(tcpAddress); }
+        [[nodiscard]] const struct sockaddr* address() const { return asSockaddr(port.address()); }
 
     private:
         TemporaryDirectory directory;
         std::string socketPath = directory.file("socket");
-        struct sockaddr_storage tcpAddress = loopback(AF_INET, 0);
-        int holder;  // keeps the port, without listening on it
+        HeldPort port;
     };
 
     explicit Conversation(Owners owners = Owners::StopWhatEnds);
@@ -60,9 +55,9 @@ public:
     Conversation(const Conversation&) = delete;
     Conversation& operator=(const Conversation&) = delete;
 
-    // Holds it to the end: until every part has ended, or the log tells of what leaves a part
-    // waiting for ever, or fills. False if nothing of that happens within twenty seconds. The loop
-    // has stopped then.
+    // Holds it to the end: until every part has ended, or the log says that an owner will
+    // hear nothing more, or is full. False when none of that happens within twenty seconds. The
+    // loop has stopped then.
     [[nodiscard]] bool hold(const Place& place, LogRecorder& log);
 
     [[nodiscard]] End end(Part part) const { return talks[part].end; }

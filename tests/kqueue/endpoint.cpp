@@ -2,17 +2,24 @@
 
 #include <netinet/in.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include "kqueue/HXKQueueTCPClient.h"
 #include "kqueue/HXKQueueTCPServer.h"
 #include "kqueue/HXKQueueUnixClient.h"
 #include "kqueue/HXKQueueUnixServer.h"
+#include "tests/support/descriptors.h"
+
+int Endpoint::connectedSocket() const {
+    const int sock = makeSocket(address.ss_family, SOCK_STREAM);
+    EXPECT_EQ(connect(sock, asSockaddr(address), length), 0);
+    return sock;
+}
 
 UnixEndpoint::UnixEndpoint() {
     auto* unixAddress = reinterpret_cast<struct sockaddr_un*>(&address);
     unixAddress->sun_family = AF_UNIX;
     path.copy(unixAddress->sun_path, sizeof unixAddress->sun_path - 1);
+    length = sizeof *unixAddress;
 }
 
 std::shared_ptr<HXKQueueEventProtocol> UnixEndpoint::listenOn(HXKQueue& loop) const {
@@ -23,18 +30,9 @@ std::shared_ptr<HXKQueueEventProtocol> UnixEndpoint::connectOn(HXKQueue& loop) c
     return loop.createUnixClient(path.c_str());
 }
 
-TcpEndpoint::TcpEndpoint() : holder(socket(AF_INET, SOCK_STREAM, 0)) {
-    const int on = 1;
-    setsockopt(holder, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
-    setsockopt(holder, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    address = loopback(AF_INET, 0);
-    EXPECT_EQ(bind(holder, asSockaddr(address), sizeof(struct sockaddr_in)), 0);
-    socklen_t length = sizeof address;
-    getsockname(holder, reinterpret_cast<struct sockaddr*>(&address), &length);
-}
-
-TcpEndpoint::~TcpEndpoint() {
-    close(holder);
+TcpEndpoint::TcpEndpoint() {
+    address = port.address();
+    length = sizeof(struct sockaddr_in);
 }
 
 std::shared_ptr<HXKQueueEventProtocol> TcpEndpoint::listenOn(HXKQueue& loop) const {

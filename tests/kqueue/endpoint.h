@@ -3,9 +3,12 @@
 
 #include <sys/socket.h>
 
+#include <array>
 #include <memory>
+#include <ostream>
 
 #include "kqueue/HXKQueue.h"
+#include "tests/kqueue/held_port.h"
 #include "tests/kqueue/loop_fixture.h"
 
 class Endpoint {
@@ -20,7 +23,11 @@ public:
     [[nodiscard]] virtual std::shared_ptr<HXKQueueEventProtocol> connectOn(
         HXKQueue& loop) const = 0;
 
+    // A client without a loop.
+    [[nodiscard]] int connectedSocket() const;
+
     struct sockaddr_storage address = {};
+    socklen_t length = 0;
 };
 
 class UnixEndpoint final : public Endpoint {
@@ -34,14 +41,29 @@ private:
     std::string path = directory.file("socket");
 };
 
-// Another socket keeps the port, without listening, until the end.
 class TcpEndpoint final : public Endpoint {
 public:
     TcpEndpoint();
-    ~TcpEndpoint() override;
     [[nodiscard]] std::shared_ptr<HXKQueueEventProtocol> listenOn(HXKQueue& loop) const override;
     [[nodiscard]] std::shared_ptr<HXKQueueEventProtocol> connectOn(HXKQueue& loop) const override;
 
 private:
-    const int holder;
+    HeldPort port;
 };
+
+// Each of them as a parameter of tests.
+struct Transport {
+    const char* name;
+    std::unique_ptr<Endpoint> (*makeEndpoint)();
+
+    // How the list of tests shows it.
+    friend void PrintTo(const Transport& transport, std::ostream* out) { *out << transport.name; }
+};
+
+template <typename Kind>
+std::unique_ptr<Endpoint> makeEndpoint() {
+    return std::make_unique<Kind>();
+}
+
+inline constexpr std::array kTransports{Transport{"Unix", makeEndpoint<UnixEndpoint>},
+                                        Transport{"Tcp", makeEndpoint<TcpEndpoint>}};

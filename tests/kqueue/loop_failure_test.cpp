@@ -1,16 +1,14 @@
-#include <dirent.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <optional>
 
 #include "kqueue/HXKQueueStreamSocket.h"
 #include "tests/kqueue/failing_calls.h"
 #include "tests/kqueue/loop_fixture.h"
+#include "tests/kqueue/thread_count.h"
 #include "tests/support/failing_allocations.h"
 
 namespace {
@@ -24,26 +22,6 @@ std::shared_ptr<HXKQueue> makeLoop() {
 
 class LoopFailure : public testing::Test {
 protected:
-    // Of this process. A loop that is not started has its thread already.
-    static size_t threadCount() {
-        size_t count = 0;
-        DIR* directory = opendir("/proc/self/task");
-        while (const struct dirent* entry = readdir(directory))
-            if (entry->d_name[0] != '.') ++count;
-        closedir(directory);
-        return count;
-    }
-
-    // Returns once only count threads are left; false after twenty seconds.
-    static bool waitForThreads(size_t count) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (threadCount() > count) {
-            if (std::chrono::steady_clock::now() > end) return false;
-            sched_yield();
-        }
-        return true;
-    }
-
     LogRecorder log{LogLevel::Error};
 };
 
@@ -110,7 +88,7 @@ TEST_F(LoopFailure, ThreadWithoutItsFirstCopyOfTheSourcesEnds) {
     const std::string line = "error cannot initialize active list";
     LogRecorder own{LogLevel::Error};
     const auto loop = makeLoop();
-    const size_t running = threadCount();
+    const size_t running = threadCount();  // a loop that is not started has its thread already
     {
         const FailingAllocations failing(3, Extent::OnlyThatOne, Threads::All);
         loop->start();

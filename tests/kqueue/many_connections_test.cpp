@@ -1,5 +1,3 @@
-#include <ostream>
-
 #include "tests/kqueue/block_tokens.h"
 #include "tests/kqueue/counted_allocations.h"
 #include "tests/kqueue/echo_client_process.h"
@@ -15,24 +13,9 @@ namespace {
 // the C++ library keeps for itself once it has needed it.
 constexpr size_t kToleranceInBytes = 4 << 10;
 
-template <typename Kind>
-std::unique_ptr<Endpoint> make() {
-    return std::make_unique<Kind>();
-}
-
-struct Transport {
-    const char* name;
-    std::unique_ptr<Endpoint> (*makeEndpoint)();
-
-    // How the list of tests shows it.
-    friend void PrintTo(const Transport& transport, std::ostream* out) { *out << transport.name; }
-};
-
 class ManyConnections : public testing::TestWithParam<Transport> {};
 
-INSTANTIATE_TEST_SUITE_P(Over, ManyConnections,
-                         testing::Values(Transport{"Unix", make<UnixEndpoint>},
-                                         Transport{"Tcp", make<TcpEndpoint>}),
+INSTANTIATE_TEST_SUITE_P(Over, ManyConnections, testing::ValuesIn(kTransports),
                          [](const auto& instance) { return instance.param.name; });
 
 // Server and clients are processes of their own, each with one end of every connection.

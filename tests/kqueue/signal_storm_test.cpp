@@ -62,6 +62,8 @@ struct Handling {
 class SignalStorm : public LoopTest, public testing::WithParamInterface<Handling> {
 protected:
     SignalStorm() {
+        handledByTheLoop = 0;
+        handledByOthers = 0;
         struct sigaction action = {};
         action.sa_flags = GetParam().flags;
         action.sa_handler = [](int) { ++(isTheLoop ? handledByTheLoop : handledByOthers); };
@@ -74,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(Handled, SignalStorm,
                                          Handling{0, "InterruptingCalls"}),
                          [](const auto& instance) { return instance.param.name; });
 
-// Every other thread of the library's has the signal blocked, so the owner's block lets it in.
+// The library's thread has the signal blocked, so the owner's block lets it in.
 TEST_P(SignalStorm, DisturbsNeitherTheLoopNorItsOwnersThread) {
     constexpr size_t kRounds = 50;
     const std::string message = "0123456789";
