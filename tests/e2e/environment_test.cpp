@@ -1,5 +1,4 @@
-// What the utility is started in: the descriptors, limits and signals that it inherits, and what
-// lies at the daemon's path.
+// What the utility is started in: the descriptors, limits and signals that it inherits.
 
 #include <gtest/gtest.h>
 
@@ -135,7 +134,16 @@ TEST_F(Environment, OutputWhoseReaderIsGoneChangesNoStatus) {
     }
 }
 
-// 64 KiB are about what the system takes to start any program.
+// What the main thread prints, whose signals are as the program was started with.
+TEST_F(Environment, WordsToAReaderWhoIsGoneEndInTheSystemsSignal) {
+    const std::string command =
+        "{ until ! (echo) 2>/dev/null; do :; done; \"$@\"; echo status $? >&3; } 3>&2 2>&1 | true";
+    for (const Words& words : {Words{"-h"}, {"-x"}, {"dev", "plug", "7"}, kList})
+        EXPECT_EQ(startUtilityByShell(command, words).finish().err, "status 141\n")
+            << testing::PrintToString(words);
+}
+
+// With less it depends on the size of the variables whether the system starts a program at all.
 TEST_F(Environment, TinyStackLimitChangesNothing) {
     const std::string command = "ulimit -s 64 && exec \"$@\"";
     const List list = listOf(5'000);

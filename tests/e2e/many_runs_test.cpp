@@ -11,8 +11,7 @@
 
 namespace {
 
-// A server comes and goes, and a device is plugged and unplugged; after these the daemon is as it
-// was before, but for the number that the next server gets.
+// After these, in which a device is plugged and unplugged, the daemon is as it was before.
 const std::vector<std::pair<Words, Outcome>> kRound = {
     {{"srv", "list", "-D"}, printed("3 - box:33000 - connected\n")},
     {{"dev", "plug", "3:7"}, silentSuccess()},
