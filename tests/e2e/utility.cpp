@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <ostream>
 
 #include "tests/e2e/scripted_peer.h"
+#include "tests/kqueue/stress_scale.h"
+#include "tests/support/emulated.h"
 
 namespace {
 
@@ -65,6 +68,17 @@ std::string usageText() {
            "DEVICE-ID:\n"
            "\t <HOST-ID> deviceId\n"
            "\t serverId:deviceId\n";
+}
+
+void expectPeakOfAtMost(size_t bytes, const RunningProgram& utility) {
+    testing::Test::RecordProperty("peakBytes", std::to_string(utility.peakMemory()));
+    if (stress::kAddressSanitizer || stress::kThreadSanitizer || kEmulated) return;
+    if (utility.leastPeakMemory() > bytes) {
+        std::printf("the peak is not compared: this process has had %zu bytes in use\n",
+                    utility.leastPeakMemory());
+        return;
+    }
+    EXPECT_LE(utility.peakMemory(), bytes);
 }
 
 Outcome silentSuccess() {

@@ -1,6 +1,7 @@
 // hxusbvctl as a process: run on its own, or against a scripted peer.
 #pragma once
 
+#include <cstddef>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -28,6 +29,11 @@ inline constexpr const char* kWithoutVariables =
 
 // The usage text, with the program's name in it.
 [[nodiscard]] std::string usageText();
+
+// Of a utility that has finished. Where this process has had more than so many bytes in use when it
+// started it, nothing can be said, as in a run of many tests after a large one; under a sanitizer,
+// which keeps books in as much memory again, and under an emulator, which counts itself, neither.
+void expectPeakOfAtMost(size_t bytes, const RunningProgram& utility);
 
 // What a person sees of a run that ended so.
 [[nodiscard]] Outcome silentSuccess();

@@ -42,8 +42,9 @@ public:
 
     [[nodiscard]] Outcome finish();
 
-    // Of a program that has finished, in bytes. The system counts what this process had had in use
-    // at most when it started it, too: no less than that is told.
+    // The most memory that a program which has finished had in use at a time, in bytes. It is never
+    // less than the most that this process had had in use when it started the program, as the
+    // system counts that, too.
     [[nodiscard]] size_t peakMemory() const { return peak; }
     [[nodiscard]] size_t leastPeakMemory() const { return peakAtStart; }
     [[nodiscard]] int pid() const { return child; }
