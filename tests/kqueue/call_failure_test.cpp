@@ -1,6 +1,8 @@
 // Every system call of the library fails once: each of its kind, with each error that a user can
 // meet, at each place.
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -70,21 +72,23 @@ protected:
     Conversation::Owners owners = Conversation::Owners::StopWhatEnds;
 };
 
-class FailedCallThatChangesNothing : public FailedCall {};
+class FailedCallThatEndsNothing : public FailedCall {};
 
-TEST_P(FailedCallThatChangesNothing, IsMadeAgainOrDoneWithout) {
+TEST_P(FailedCallThatEndsNothing, IsMadeAgainOrDoneWithout) {
     sweep([](const Conversation& conversation, const LogRecorder&) {
         EXPECT_TRUE(conversation.isAllDone());
     });
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    , FailedCallThatChangesNothing,
+    , FailedCallThatEndsNothing,
     testing::Values(Case{"Accept",
                          &FailingCalls::accept,
                          {EINTR, EAGAIN, ECONNABORTED, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM,
                           EPROTO}},
-                    Case{"Chmod", &FailingCalls::changeMode, {EPERM, EACCES, EIO, EROFS}},
+                    Case{"Chmod",
+                         &FailingCalls::changeMode,
+                         {EPERM, EACCES, EIO, ELOOP, ENOENT, ENOTDIR, EROFS}},
                     Case{"Close", &FailingCalls::close, {EINTR, EIO, ENOSPC}},
                     Case{"EpollCtl", &FailingCalls::watch, {ENOMEM, ENOSPC}},
                     Case{"EpollWait", &FailingCalls::wait, {EINTR, ENOSYS}},
@@ -92,11 +96,30 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"Getsockopt", &FailingCalls::getOption, {ENOPROTOOPT, ENOBUFS}},
                     Case{"Ioctl", &FailingCalls::control, {EINVAL, ENOTTY, EINTR}},
                     Case{"Poll", &FailingCalls::poll, {EINTR, ENOMEM, EINVAL}},
+                    Case{"Recvmsg", &FailingCalls::peek, {ENOMEM, ENOBUFS, EINTR}},
                     Case{"Read", &FailingCalls::read, {EINTR}},
                     Case{"SetBlocking", &FailingCalls::setBlocking, {EPERM}},
                     Case{"Shutdown", &FailingCalls::shutDown, {ENOTCONN, ENOBUFS}},
                     Case{"Write", &FailingCalls::write, {EINTR, kShort}}),
     [](const auto& each) { return each.param.name; });
+
+// The socket has the mode that the mask makes of it, and nothing is said.
+TEST(FailedChmod, LeavesTheModeOfTheMask) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("socket");
+    const LogRecorder log(LogLevel::Error);
+    const auto loop = HXKQueue::initWithSubsystem("org.example.usb.virt.ctl");
+    const mode_t mask = umask(0027);
+    failingCalls.changeMode = EPERM;
+    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    umask(mask);
+    ASSERT_NE(server, nullptr);
+    EXPECT_EQ(failingCalls.changeMode, 0);
+    struct stat status = {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0750U);
+    EXPECT_EQ(log.errors(), std::vector<std::string>());
+}
 
 class FailedCallThatEndsAStream : public FailedCall {};
 
@@ -142,7 +165,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"Write", &FailingCalls::write, {EAGAIN, ENOBUFS, ENOMEM, EPERM}}),
     [](const auto& each) { return each.param.name; });
 
-// A setting may be what the rest depends on: with a file at the path, or a port in use.
+// A call whose failure is no matter by itself is one that a later call depends on: without the
+// unlink a file is in the way, and without the option another socket is.
 class FailedCallOfAFactory : public FailedCall {};
 
 TEST_P(FailedCallOfAFactory, LeavesNoSourceAndALineOnTheLog) {
@@ -165,23 +189,25 @@ TEST_P(FailedCallOfAFactory, LeavesNoSourceAndALineOnTheLog) {
 
 INSTANTIATE_TEST_SUITE_P(
     , FailedCallOfAFactory,
-    testing::Values(Case{"Bind",
-                         &FailingCalls::bind,
-                         {EACCES, EADDRINUSE, EADDRNOTAVAIL, ENOENT, ENOMEM, EROFS}},
-                    Case{"Connect",
-                         &FailingCalls::connect,
-                         {EACCES, EPERM, ECONNREFUSED, ETIMEDOUT, EHOSTUNREACH, ENETUNREACH,
-                          EADDRINUSE, EADDRNOTAVAIL, EAGAIN, EINTR, ENOENT, ECONNRESET}},
-                    Case{"CreateQueue", &FailingCalls::createQueue, {EMFILE, ENFILE, ENOMEM}},
-                    Case{"CreateThread", &FailingCalls::createThread, {EAGAIN, EPERM}},
-                    Case{"GetFlags", &FailingCalls::getFlags, {EBADF, ENOMEM}},
-                    Case{"SetFlags", &FailingCalls::setFlags, {EPERM, ENOMEM}},
-                    Case{"Listen", &FailingCalls::listen, {EADDRINUSE, EOPNOTSUPP, ENOMEM}},
-                    Case{"Setsockopt", &FailingCalls::setOption, {ENOPROTOOPT, EPERM, ENOMEM}},
-                    Case{"Unlink", &FailingCalls::unlink, {EACCES, EPERM, EBUSY, EROFS}},
-                    Case{"Socket",
-                         &FailingCalls::socket,
-                         {EACCES, EAFNOSUPPORT, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPROTONOSUPPORT}}),
+    testing::Values(
+        Case{"Bind",
+             &FailingCalls::bind,
+             {EACCES, EADDRINUSE, EADDRNOTAVAIL, ELOOP, ENOENT, ENOMEM, ENOTDIR, EROFS}},
+        Case{"Connect",
+             &FailingCalls::connect,
+             {EACCES, EPERM, ECONNREFUSED, ETIMEDOUT, EHOSTUNREACH, ENETUNREACH, EADDRINUSE,
+              EADDRNOTAVAIL, EAGAIN, EINTR, ENOENT, ECONNRESET}},
+        Case{"CreateQueue", &FailingCalls::createQueue, {EMFILE, ENFILE, ENOMEM}},
+        Case{"CreateThread", &FailingCalls::createThread, {EAGAIN, EPERM}},
+        Case{"GetFlags", &FailingCalls::getFlags, {EBADF, ENOMEM}},
+        Case{"SetFlags", &FailingCalls::setFlags, {EPERM, ENOMEM}},
+        Case{"Listen", &FailingCalls::listen, {EADDRINUSE, EOPNOTSUPP, ENOMEM}},
+        Case{"Setsockopt", &FailingCalls::setOption, {ENOPROTOOPT, EPERM, ENOMEM}},
+        Case{
+            "Unlink", &FailingCalls::unlink, {EACCES, EBUSY, ELOOP, ENOENT, ENOTDIR, EPERM, EROFS}},
+        Case{"Socket",
+             &FailingCalls::socket,
+             {EACCES, EAFNOSUPPORT, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPROTONOSUPPORT}}),
     [](const auto& each) { return each.param.name; });
 
 }  // namespace

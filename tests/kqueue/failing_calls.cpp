@@ -41,6 +41,7 @@ int __real_listen(int sock, int backlog);
 int __real_accept(int sock, struct sockaddr* address, socklen_t* length);
 int __real_connect(int sock, const struct sockaddr* address, socklen_t length);
 ssize_t __real_read(int fd, void* bytes, size_t size);
+ssize_t __real_recvmsg(int sock, struct msghdr* message, int flags);
 int __real_unlink(const char* path);
 int __real_chmod(const char* path, mode_t mode);
 int __real_fstat(int fd, struct stat* out);
@@ -66,6 +67,7 @@ int __wrap_listen(int sock, int backlog);
 int __wrap_accept(int sock, struct sockaddr* address, socklen_t* length);
 int __wrap_connect(int sock, const struct sockaddr* address, socklen_t length);
 ssize_t __wrap_read(int fd, void* bytes, size_t size);
+ssize_t __wrap_recvmsg(int sock, struct msghdr* message, int flags);
 int __wrap_unlink(const char* path);
 int __wrap_chmod(const char* path, mode_t mode);
 int __wrap_fstat(int fd, struct stat* out);
@@ -162,6 +164,10 @@ int __wrap_connect(int sock, const struct sockaddr* address, socklen_t length) {
 
 ssize_t __wrap_read(int fd, void* bytes, size_t size) {
     return failingCalls.read.fails() ? -1 : __real_read(fd, bytes, size);
+}
+
+ssize_t __wrap_recvmsg(int sock, struct msghdr* message, int flags) {
+    return failingCalls.peek.fails() ? -1 : __real_recvmsg(sock, message, flags);
 }
 
 int __wrap_unlink(const char* path) {

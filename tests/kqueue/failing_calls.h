@@ -48,7 +48,8 @@ struct FailingCalls {
     FailingCall connect;
     FailingCall read;
     FailingCall write;
-    FailingCall shutDown;  // what is told is not what is done: it has been shut down
+    FailingCall peek;      // recvmsg
+    FailingCall shutDown;  // is done all the same, and then said to have failed
     FailingCall close;     // likewise
     FailingCall unlink;
     FailingCall status;           // fstat
