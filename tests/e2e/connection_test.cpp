@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "tests/e2e/control_path.h"
+#include "tests/e2e/ends.h"
 #include "tests/e2e/ordinary_user.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
@@ -23,8 +24,6 @@ constexpr int kCannotRun = 127;
 
 const Words kList{"srv", "list"};
 const Words kPlug{"dev", "plug", "3:7"};
-const Outcome kTerminated = failedWith(5, "connection terminated\n");
-const Outcome kCannotConnect = failedWith(12, "cannot connect to the daemon\n");
 
 class Connection : public ControlPathTest {};
 

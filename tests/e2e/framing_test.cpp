@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/e2e/control_path.h"
+#include "tests/e2e/ends.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
 
@@ -13,15 +14,9 @@ constexpr uint32_t kLongestPayload = 104'857'600;
 const Words kAdd{"srv", "add", "box"};
 const Words kList{"srv", "list"};
 const std::string kAddReply = frame(1, R"({"status":"ok","id":7})");
-const Outcome kAdded = printed("The server is added with Id: 7.\n");
 const std::string kListReply = frame(
     0, R"({"status":"ok","servers":[{"id":1,"host":"ü","port":2,"state":"s","devices":[]}]})");
 const Outcome kListed = printed("1 - ü:2 - s\n");
-
-const Outcome kInvalidProtocol = failedWith(5, "invalid protocol\n");
-const Outcome kCannotParse = failedWith(5, "cannot parse protocol");
-const Outcome kWrongTopLevel = failedWith(5, "cannot parse JSON, got wrong top-level object");
-const Outcome kTerminated = failedWith(5, "connection terminated\n");
 
 class Framing : public ControlPathTest {
 protected:

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "tests/e2e/control_path.h"
+#include "tests/e2e/ends.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
 #include "tests/kqueue/stress_scale.h"
@@ -24,10 +25,6 @@ constexpr size_t kSmallPeak = size_t{16} << 20;
 const Words kAdd{"srv", "add", "box"};
 const Words kList{"srv", "list"};
 const std::string kAddReply = frame(1, R"({"status":"ok","id":7})");
-const Outcome kAdded = printed("The server is added with Id: 7.\n");
-const Outcome kTerminated = failedWith(5, "connection terminated\n");
-const Outcome kCannotParse = failedWith(5, "cannot parse protocol");
-const Outcome kInvalidProtocol = failedWith(5, "invalid protocol\n");
 
 std::string repeated(std::string_view text, size_t count) {
     std::string all;

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "tests/e2e/control_path.h"
+#include "tests/e2e/ends.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
 #include "tests/kqueue/stress_scale.h"
@@ -107,7 +108,7 @@ TEST_F(LargeReplyTest, OneOf100MiBOfOpeningBracketsEndsCleanlyInOneAndAHalfTimes
     const UnixStream connection = peer.accept();
     ASSERT_EQ(connection.receiveFrame().size(), 8U);
     EXPECT_TRUE(connection.send(frame(0, std::string(kLongestPayload, '['))));
-    EXPECT_EQ(utility.finish(), failedWith(5, "cannot parse protocol"));
+    EXPECT_EQ(utility.finish(), kCannotParse);
     expectPeakOfAtMost(kLongestPayload / 2 * 3 + kOtherMemory, utility);
 }
 

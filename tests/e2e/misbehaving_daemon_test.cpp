@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "tests/e2e/daemon_on_control_path.h"
+#include "tests/e2e/ends.h"
 #include "tests/e2e/utility.h"
 
 namespace {
@@ -20,10 +21,6 @@ constexpr uint64_t kListRequestSize = 8;
 
 const Words kList{"srv", "list", "-D"};
 const Outcome kListed = printed("3 - box:33000 - connected\n");
-const Outcome kTerminated = failedWith(5, "connection terminated\n");
-const Outcome kInvalidProtocol = failedWith(5, "invalid protocol\n");
-const Outcome kCannotParse = failedWith(5, "cannot parse protocol");
-const Outcome kWrongTopLevel = failedWith(5, "cannot parse JSON, got wrong top-level object");
 
 // What the program has read since it was started, from files, sockets and all.
 uint64_t bytesReadBy(const RunningProgram& program) {

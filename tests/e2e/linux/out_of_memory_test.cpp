@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "tests/e2e/control_path.h"
+#include "tests/e2e/ends.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
 #include "tests/kqueue/stress_scale.h"
@@ -31,19 +32,17 @@ struct Case {
     std::vector<Outcome> lacking;  // what else it may end with
 };
 
-const std::string kTerminated = "connection terminated\n";
-
 // What every command may end with.
 const std::vector<Outcome> kFailures = {
-    failedWith(12, "cannot initialize kqueue\n"),
-    failedWith(12, "cannot connect to the daemon\n"),
+    kNoLoop,
+    kCannotConnect,
     failedWith(5, "cannot connect\n"),
-    failedWith(5, "cannot parse protocol"),
-    failedWith(5, kTerminated),
-    failedWith(5, "cannot allocate dictionary for request" + kTerminated),
-    failedWith(5, "cannot allocate object for request" + kTerminated),
-    failedWith(5, "cannot allocate objects for request" + kTerminated),
-    failedWith(5, "cannot convert dictionary to JSON" + kTerminated),
+    kCannotParse,
+    kTerminated,
+    failedWith(5, "cannot allocate dictionary for request" + kTerminated.err),
+    failedWith(5, "cannot allocate object for request" + kTerminated.err),
+    failedWith(5, "cannot allocate objects for request" + kTerminated.err),
+    failedWith(5, "cannot convert dictionary to JSON" + kTerminated.err),
 };
 
 // What a process is about, as the system shows it.
@@ -225,7 +224,7 @@ void sweepBoth(void (*sweep)(const Case&, bool), const Case& each) {
 TEST_F(OutOfMemory, AddingAServerEndsWithAStatusAndItsWords) {
     sweepBoth(sweep, {.words = {"srv", "add", "box"},
                       .reply = frame(1, R"({"status":"ok","id":7})"),
-                      .whole = printed("The server is added with Id: 7.\n"),
+                      .whole = kAdded,
                       .lacking = {}});
 }
 

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "tests/e2e/control_path.h"
+#include "tests/e2e/ends.h"
 #include "tests/e2e/linux/refused_system_calls.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
@@ -30,10 +31,6 @@ struct Case {
 };
 
 const Words kAdd{UTILITY_PROGRAM, "srv", "add", "box"};
-const Outcome kAdded = printed("The server is added with Id: 7.\n");
-const Outcome kNoLoop = failedWith(12, "cannot initialize kqueue\n");
-const Outcome kNoClient = failedWith(12, "cannot connect to the daemon\n");
-const Outcome kTerminated = failedWith(5, "connection terminated\n");
 
 // A daemon that answers one request, if there is one.
 void answer(const ScriptedPeer& peer) {
@@ -122,7 +119,7 @@ TEST_F(RefusedOnce, WithoutASocketItsEndIs12) {
     sweep({{"connect", SYS_connect, Made::ByUs, refusals},
            {"fcntl", SYS_fcntl, Made::ByUs, {EAGAIN, EINTR, ENOMEM, EPERM}},
            {"socket", SYS_socket, Made::ByUs, {EACCES, EMFILE, ENFILE, ENOBUFS, ENOMEM}}},
-          {kNoClient});
+          {kCannotConnect});
 }
 
 TEST_F(RefusedOnce, WithoutItsReplyItsEndIs5) {
