@@ -15,6 +15,7 @@
 #include "kqueue/HXKQueueTCPServer.h"
 #include "kqueue/HXKQueueUnixClient.h"
 #include "kqueue/HXKQueueUnixServer.h"
+#include "tests/kqueue/endpoint.h"
 #include "tests/kqueue/failing_calls.h"
 #include "tests/kqueue/loop_fixture.h"
 #include "tests/support/failing_allocations.h"
@@ -352,17 +353,12 @@ TEST_F(SendFailure, BytesWithoutMemoryForThemAreTerminatedAndNothingFollowsThem)
 class AcceptFailure : public LoopTest {};
 
 TEST_F(AcceptFailure, IsLoggedOncePerRecordAndTheServerGoesOn) {
-    const TemporaryDirectory directory;
-    const std::string path = directory.file("socket");
+    const UnixEndpoint endpoint;
     EventRecorder events;
-    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    const auto server = endpoint.listenOn(*loop);
     failingCalls.accept = EMFILE;
     loop->startObject(server, events.answering(false));
-    const int client = socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    ASSERT_EQ(connect(client, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0);
+    const int client = endpoint.connectedSocket();
     ASSERT_TRUE(events.waitFor(HXKQueueEventData));
     EXPECT_EQ(log.errors(), std::vector<std::string>{"error " + tagOf(server.get()) +
                                                      ": cannot accept unix connection"});
@@ -372,25 +368,21 @@ TEST_F(AcceptFailure, IsLoggedOncePerRecordAndTheServerGoesOn) {
 
 // The connection waits, and the others go on, until there is a descriptor again.
 TEST_F(AcceptFailure, ForWantOfDescriptorsIsOverWhenThereIsOne) {
-    const TemporaryDirectory directory;
-    const std::string path = directory.file("socket");
+    const UnixEndpoint endpoint;
     EventRecorder events;
     EventRecorder others;
     const Stream stream = makeStream();
     loop->startObject(stream.source, others.block());
-    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    const auto server = endpoint.listenOn(*loop);
     loop->startObject(server, events.answering(false));
     const int client = socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
 
     struct rlimit before = {};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     struct rlimit none = before;
     none.rlim_cur = static_cast<rlim_t>(nextDescriptor());
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    ASSERT_EQ(connect(client, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(connect(client, asSockaddr(endpoint.address), endpoint.length), 0);
     EXPECT_TRUE(log.waitFor("error " + tagOf(server.get()) + ": cannot accept unix connection"));
     ASSERT_EQ(::write(stream.peer, "x", 1), 1);
     EXPECT_TRUE(others.waitFor(HXKQueueEventData));
@@ -403,18 +395,12 @@ TEST_F(AcceptFailure, ForWantOfDescriptorsIsOverWhenThereIsOne) {
 }
 
 TEST_F(AcceptFailure, OfATcpServerIsLoggedToo) {
-    struct sockaddr_storage address = loopback(AF_INET, 0);
-    const int probe = socket(AF_INET, SOCK_STREAM, 0);
-    socklen_t length = sizeof(sockaddr_in);
-    ASSERT_EQ(bind(probe, asSockaddr(address), length), 0);
-    getsockname(probe, reinterpret_cast<struct sockaddr*>(&address), &length);
-    close(probe);
+    const TcpEndpoint endpoint;
     EventRecorder events;
-    const auto server = loop->createTCPServer(asSockaddr(address));
+    const auto server = endpoint.listenOn(*loop);
     failingCalls.accept = ECONNABORTED;
     loop->startObject(server, events.answering(false));
-    const int client = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(connect(client, asSockaddr(address), length), 0);
+    const int client = endpoint.connectedSocket();
     ASSERT_TRUE(events.waitFor(HXKQueueEventData));
     EXPECT_EQ(log.errors(), std::vector<std::string>{"error " + tagOf(server.get()) +
                                                      ": cannot accept inet connection"});
@@ -423,18 +409,13 @@ TEST_F(AcceptFailure, OfATcpServerIsLoggedToo) {
 }
 
 TEST_F(AcceptFailure, ConnectionOfAPeerThatCannotBeIdentifiedIsClosedSilently) {
-    const TemporaryDirectory directory;
-    const std::string path = directory.file("socket");
+    const UnixEndpoint endpoint;
     EventRecorder events;
-    const auto server = loop->createUnixServer(path.c_str(), 0600);
+    const auto server = endpoint.listenOn(*loop);
     loop->startObject(server, events.answering(false));
     failingCalls.peerCredentials = ENOTCONN;
     const size_t before = openDescriptors();
-    const int client = socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    ASSERT_EQ(connect(client, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0);
+    const int client = endpoint.connectedSocket();
     const struct timeval patience = {.tv_sec = 20, .tv_usec = 0};
     setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     char byte = 0;
