@@ -103,19 +103,19 @@ void requireSame(const PlainReading& actual, const PlainReading& expected, std::
 }
 
 // Where another connection's stream differs from the one that follows it, and where it ends.
-struct Earlier {
+struct EarlierStream {
     uint32_t place;
     uint32_t end;
 };
 
-std::optional<Earlier> takeEarlier(FuzzedDataProvider& input) {
+std::optional<EarlierStream> takeEarlierStream(FuzzedDataProvider& input) {
     if (!input.ConsumeBool()) return std::nullopt;
     const auto place = input.ConsumeIntegralInRange<uint32_t>(0, 0x1ffff);
-    return Earlier{.place = place, .end = input.ConsumeIntegralInRange<uint32_t>(0, 0x1ffff)};
+    return EarlierStream{.place = place, .end = input.ConsumeIntegralInRange<uint32_t>(0, 0x1ffff)};
 }
 
 // What has been read of it is to be forgotten with its connection.
-void decodeEarlier(Decoder& decoder, std::string stream, const Earlier& earlier) {
+void decodeEarlierStream(Decoder& decoder, std::string stream, const EarlierStream& earlier) {
     if (!stream.empty()) stream[earlier.place % stream.size()] = 'x';
     stream.resize(earlier.end % (stream.size() + 1));
     requireSame(decoder.decode({stream}), readPlainly(stream), "an earlier stream");
@@ -126,11 +126,11 @@ void decodeEarlier(Decoder& decoder, std::string stream, const Earlier& earlier)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Decoder decoder;
     FuzzedDataProvider input(data, size);
-    const std::optional<Earlier> earlier = takeEarlier(input);
+    const std::optional<EarlierStream> earlier = takeEarlierStream(input);
     const Cuts cuts = takeCuts(input);
     const std::string stream = makeStream(input);
     const PlainReading expected = readPlainly(stream);
-    if (earlier) decodeEarlier(decoder, stream, *earlier);
+    if (earlier) decodeEarlierStream(decoder, stream, *earlier);
     requireSame(decoder.decode(cut(stream, {})), expected, "one piece");
     requireSame(decoder.decode(cut(stream, cuts)), expected, "a stream in pieces");
     return 0;

@@ -15,10 +15,10 @@
 namespace {
 
 constinit std::atomic<bool> active = false;
-constinit std::atomic<unsigned long> asked = 0;
+constinit std::atomic<unsigned long> allocations = 0;
 unsigned long failing = 0;
-bool all = false;
-const char* told = nullptr;
+bool allFromThereOn = false;
+const char* pathOfFile = nullptr;
 
 using Main = int (*)(int, char**, char**);
 Main realMain = nullptr;
@@ -26,17 +26,18 @@ Main realMain = nullptr;
 int countedMain(int argc, char** argv, char** environment) {
     const char* number = getenv("FAILING_MALLOC");
     failing = number ? strtoul(number, nullptr, 10) : 0;
-    all = getenv("FAILING_MALLOC_ALL") != nullptr;
-    told = getenv("FAILING_MALLOC_TOLD");
+    allFromThereOn = getenv("FAILING_MALLOC_ALL") != nullptr;
+    pathOfFile = getenv("FAILING_MALLOC_TOLD");
     active = failing > 0;
     return realMain(argc, argv, environment);
 }
 
 bool mustFail() noexcept {
     if (!active) return false;
-    const unsigned long number = ++asked;
-    if (number == failing && told) close(open(told, O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-    if (number != failing && !(all && number > failing)) return false;
+    const unsigned long number = ++allocations;
+    if (number == failing && pathOfFile)
+        close(open(pathOfFile, O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    if (number != failing && !(allFromThereOn && number > failing)) return false;
     errno = ENOMEM;
     return true;
 }
