@@ -112,22 +112,24 @@ void EventQueue::answerChange(const struct kevent& change, Answers& answers) noe
 }
 
 // Told at once, a lack of memory would end what can still be had; never told, it would leave an
-// owner waiting. Who does not take it for an end may still have the filter later: a stream that has
+// owner waiting. Who does not take it for an end may still have the filter later: a socket that has
 // bytes to write does not.
 void EventQueue::retryPostponed(Answers& answers) noexcept {
     if (postponed.isEmpty()) return;
     const Nanoseconds now = TimerSet::now();
     postponed.retry([&](PostponedAdditions::Addition& addition) {
         const int error = apply(addition.change);
-        if (error == ENOMEM) {
-            const bool isToBeTold = now - addition.since >= kPatience;
-            if (!isToBeTold || answers.count == answers.room.size()) return false;
+        if (error == 0) return true;
+        if (answers.count == answers.room.size()) return false;
+        if (error != ENOMEM) {
+            answers.fail(addition.change, error);
+            return true;
+        }
+        if (now - addition.since >= kPatience) {
             answers.tellEnd(addition.change);
             addition.since = now;
-            return false;
         }
-        if (error != 0) answers.fail(addition.change, error);
-        return true;
+        return false;
     });
 }
 
@@ -171,7 +173,7 @@ int EventQueue::applyToDescriptor(const struct kevent& change) {
         } else if (errno == EBADF) {
             table.forget(fd);
             return EBADF;
-        } else if (isAddition(change)) {
+        } else if (isAddition(change) && change.fflags == 0) {
             return ENOMEM;
         }
     }

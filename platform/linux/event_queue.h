@@ -16,7 +16,8 @@
 //   A readiness that turns out to be nothing (no bytes, no end) would come back at once, so its
 //   descriptor dozes: edge-triggered until something is delivered from it. Behind an empty datagram
 //   others show without an edge, so such sockets are woken by the next call.
-//   An addition without memory waits in `postponed`, and is tried again by every call.
+//   An addition without memory waits in `postponed`, and is tried again by every call
+//   and, while one waits, now and then.
 //
 // Threads    any; the queue's lock is held throughout a call, the wait included.
 #pragma once

@@ -31,13 +31,14 @@ bool PostponedAdditions::contains(const struct kevent& change) const noexcept {
 }
 
 bool PostponedAdditions::put(const struct kevent& change) noexcept {
+    Addition addition{.change = change, .since = TimerSet::now(), .file = std::nullopt};
+    if (!identify(addition)) return true;  // closed meanwhile, so there is nothing to wait for
     const auto earlier = std::find_if(waiting.begin(), waiting.end(), isOfTheFilterOf(change));
     if (earlier != waiting.end()) {
-        earlier->change = change;
+        if (earlier->file == addition.file) addition.since = earlier->since;
+        *earlier = addition;
         return true;
     }
-    Addition addition{.change = change, .since = TimerSet::now(), .file = std::nullopt};
-    if (!isStillMeant(addition)) return true;  // closed meanwhile, so there is nothing to wait for
     try {
         waiting.push_back(addition);
         return true;
@@ -51,7 +52,7 @@ void PostponedAdditions::cancel(const struct kevent& change) noexcept {
 }
 
 // What an open descriptor means may be out of the kernel's sight for a moment (ENOMEM).
-bool PostponedAdditions::isStillMeant(Addition& addition) noexcept {
+bool PostponedAdditions::identify(Addition& addition) noexcept {
     struct stat status;
     if (!currentStatus(static_cast<int>(addition.change.ident), status)) return errno != EBADF;
     const auto file = std::pair(status.st_dev, status.st_ino);

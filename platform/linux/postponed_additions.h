@@ -34,8 +34,8 @@ public:
     [[nodiscard]] bool isEmpty() const noexcept { return waiting.empty(); }
     [[nodiscard]] bool contains(const struct kevent& change) const noexcept;
 
-    // In place of an earlier one of the same filter, whose time goes on. False when there is no
-    // room and no memory for more of it.
+    // In place of an earlier one of the same filter, whose time goes on for the same file. False
+    // when there is no room and no memory for more of it.
     [[nodiscard]] bool put(const struct kevent& change) noexcept;
 
     void cancel(const struct kevent& change) noexcept;
@@ -46,12 +46,14 @@ public:
     void retry(IsSettled isSettled) noexcept {
         auto kept = waiting.begin();
         for (Addition& addition : waiting)
-            if (isStillMeant(addition) && !isSettled(addition)) *kept++ = addition;
+            if (identify(addition) && !isSettled(addition)) *kept++ = addition;
         waiting.erase(kept, waiting.end());
     }
 
 private:
-    [[nodiscard]] static bool isStillMeant(Addition& addition) noexcept;
+    // Fills in the file, if it was not known and can be told. False when the number is closed, or
+    // means another one.
+    [[nodiscard]] static bool identify(Addition& addition) noexcept;
 
     std::vector<Addition> waiting;
 };

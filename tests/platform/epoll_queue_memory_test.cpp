@@ -20,12 +20,12 @@ constexpr std::chrono::milliseconds kVain{500};
 // As many additions as can wait without more memory.
 constexpr size_t kRoom = 128;
 
-class Set {
+class WhileSet {
 public:
-    explicit Set(std::atomic<bool>& flag_) : flag(flag_) { flag = true; }
-    Set(const Set&) = delete;
-    Set& operator=(const Set&) = delete;
-    ~Set() { flag = false; }
+    explicit WhileSet(std::atomic<bool>& flag_) : flag(flag_) { flag = true; }
+    WhileSet(const WhileSet&) = delete;
+    WhileSet& operator=(const WhileSet&) = delete;
+    ~WhileSet() { flag = false; }
 
 private:
     std::atomic<bool>& flag;
@@ -178,7 +178,7 @@ TEST_F(Memory, FilterIsRemovedAlsoWhenTheKernelHasNoneToTellWhatItsDescriptorIs)
     const Pair pair = unixPair();
     add(pair.ours, EVFILT_READ);
     {
-        const Set unknown(isStatusUnknown);
+        const WhileSet unknown(isStatusUnknown);
         EXPECT_EQ(change(static_cast<uint64_t>(pair.ours), EVFILT_READ, EV_DELETE), 0);
     }
     send(pair.peer, "abc");
@@ -189,9 +189,22 @@ TEST_F(Memory, FilterOfADescriptorThatTheKernelHasNoneToTellOfIsThereOnceItCan) 
     const Pair pair = unixPair();
     send(pair.peer, "abc");
     {
-        const Set unknown(isStatusUnknown);
+        const WhileSet unknown(isStatusUnknown);
         add(pair.ours, EVFILT_READ);
         EXPECT_TRUE(look().empty());
+    }
+    EXPECT_EQ(waitForOne().data, 3);
+}
+
+TEST_F(Memory, AdditionForANumberThatMeansAnotherDescriptorMeanwhileIsForThatOne) {
+    Pair pair = unixPair();
+    const Pair other = unixPair();
+    send(other.peer, "abc");
+    ASSERT_EQ(call(makeChange(pair.ours, EVFILT_READ, EV_ADD)), 0);
+    {
+        const WhileSet unknown(isStatusUnknown);
+        ASSERT_NE(dup2(other.ours, pair.ours), -1);
+        add(pair.ours, EVFILT_READ);
     }
     EXPECT_EQ(waitForOne().data, 3);
 }

@@ -54,8 +54,8 @@
 //   every call, and every 50 ms while a call waits; changes of the filter succeed meanwhile as if
 //   it were there. After each half second in vain a record tells of it: EV_EOF, with ENOMEM in
 //   `fflags` and no bytes; of a listening socket none does. 128 additions can wait, and more as far
-//   as there is memory to keep them; one too many is told at once and not tried again. The second
-//   filter of a descriptor needs no memory.
+//   as there is memory to keep them; one too many is told at once and not tried again, and lost if
+//   it is a listening socket's. The second filter of a descriptor needs no memory.
 //
 // Threads: any; calls on one queue take turns, so one call that waits holds up the others.
 // close(2) of the queue's own descriptor is enough to be rid of it.
