@@ -196,7 +196,9 @@ OpenDescriptors::Statuses OpenDescriptors::statuses() const {
     for (const auto& [fd, descriptor] : open) {
         struct pollfd state = {
             .fd = fd, .events = POLLIN | POLLOUT | POLLRDHUP | POLLPRI, .revents = 0};
-        require(poll(&state, 1, 0) != -1, "poll answers");
+        // The fuzzer's own clock interrupts it now and then.
+        while (poll(&state, 1, 0) == -1)
+            require(errno == EINTR, "poll answers");
         statuses[fd] = {.polled = state.revents,
                         .bytes = readableBytes(fd, descriptor.kind, state.revents)};
     }
