@@ -51,6 +51,7 @@ Child forkInto(const std::function<void()>& body) {
         dup2(nothing, STDIN_FILENO);
         dup2(out.writeEnd, STDOUT_FILENO);
         dup2(err.writeEnd, STDERR_FILENO);
+        signal(SIGPIPE, SIG_DFL);  // whatever the tests are run by
         body();
         std::exit(0);
     }
@@ -90,9 +91,17 @@ Child spawn(const std::vector<std::string>& arguments) {
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, out.writeEnd, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, err.writeEnd, STDERR_FILENO);
+    posix_spawnattr_t attributes;  // whatever the tests are run by, SIGPIPE ends a program
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
     const std::vector<char*> words = argumentVector(arguments);
     pid_t pid = -1;
-    const int failure = posix_spawn(&pid, words[0], &actions, nullptr, words.data(), environ);
+    const int failure = posix_spawn(&pid, words[0], &actions, &attributes, words.data(), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     close(out.writeEnd);
     close(err.writeEnd);
