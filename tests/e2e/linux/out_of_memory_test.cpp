@@ -9,14 +9,13 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <stdexcept>
-#include <string_view>
 #include <thread>
 
 #include "tests/e2e/control_path.h"
 #include "tests/e2e/ends.h"
+#include "tests/e2e/linux/rest.h"
 #include "tests/e2e/scripted_peer.h"
 #include "tests/e2e/utility.h"
 #include "tests/kqueue/stress_scale.h"
@@ -43,83 +42,6 @@ const std::vector<Outcome> kFailures = {
     failedWith(5, "cannot allocate object for request" + kTerminated.err),
     failedWith(5, "cannot allocate objects for request" + kTerminated.err),
     failedWith(5, "cannot convert dictionary to JSON" + kTerminated.err),
-};
-
-// What a process is about, as the system shows it.
-struct Activity {
-    size_t threads = 0;
-    bool mainSleeps = false;
-    unsigned long mainWaits = 0;    // how often it has begun to wait
-    unsigned long othersWaits = 0;  // of all other threads that there are
-};
-
-// Reads a thread's state, and how often it has begun to wait. False if it has ended.
-bool readThread(const std::filesystem::path& directory, bool& sleeps, unsigned long& waits) {
-    constexpr std::string_view kWaits = "voluntary_ctxt_switches:";
-    std::ifstream status(directory / "status");
-    bool found = false;
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("State:")) sleeps = line.find("S (sleeping)") != std::string::npos;
-        if (!line.starts_with(kWaits)) continue;
-        waits = std::stoul(line.substr(kWaits.size()));
-        found = true;
-    }
-    return found;
-}
-
-Activity activityOf(int pid) {
-    const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
-    Activity activity;
-    std::error_code error;
-    for (std::filesystem::directory_iterator each(tasks, error), end; !error && each != end;
-         each.increment(error)) {
-        bool sleeps = false;
-        unsigned long waits = 0;
-        if (!readThread(*each, sleeps, waits)) continue;
-        ++activity.threads;
-        if (each->path().filename() == std::to_string(pid)) {
-            activity.mainSleeps = sleeps;
-            activity.mainWaits = waits;
-        } else {
-            activity.othersWaits += waits;
-        }
-    }
-    return activity;
-}
-
-// Tells when nothing more will come of the utility by itself: its main thread has slept on, while
-// the loop's has waited so often that it has seen all that there is, or has ended.
-class Rest {
-public:
-    explicit Rest(int pid_) : pid(pid_), last(activityOf(pid)) {}
-
-    // The daemon has done something.
-    void begin() {
-        last = activityOf(pid);
-        looks = 0;
-    }
-
-    [[nodiscard]] bool isReached() {
-        constexpr int kLooks = 20;
-        constexpr unsigned long kWaits = 20;
-        const Activity now = activityOf(pid);
-        const bool isSame = now.mainSleeps && last.mainSleeps && now.mainWaits == last.mainWaits &&
-                            now.threads == last.threads;
-        if (!isSame) {
-            last = now;
-            looks = 0;
-            return false;
-        }
-        return ++looks >= kLooks &&
-               (now.threads == 1 || now.othersWaits >= last.othersWaits + kWaits);
-    }
-
-    [[nodiscard]] bool isAlone() const { return last.threads == 1; }
-
-private:
-    int pid;
-    Activity last;
-    int looks = 0;
 };
 
 class OutOfMemory : public ControlPathTest {
