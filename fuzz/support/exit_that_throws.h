@@ -7,7 +7,8 @@
 
 #include "fuzz/support/process_end.h"
 
-namespace std {
+// For std::exit. No other program has it.
+namespace std {  // NOLINT(cert-dcl58-cpp)
 [[noreturn]] inline void endProcess(int status) {
     throw ProcessEnd{status};
 }
