@@ -34,7 +34,8 @@ class AddressSpace : public WithSimulatedDaemon {
 protected:
     // None if the utility waits without its loop's thread, which has found too little. The report
     // goes to a file, where it never has to wait for room.
-    std::optional<Outcome> runWithin(int limitKiB, const Words& words = {"srv"}) const {
+    [[nodiscard]] std::optional<Outcome> runWithin(int limitKiB,
+                                                   const Words& words = {"srv"}) const {
         const std::string report = directory / "report";
         RunningProgram utility = startUtilityByShell(
             "ulimit -v " + std::to_string(limitKiB) + " && exec \"$@\" >" + report, words);
