@@ -90,6 +90,11 @@ missing_for_testing() {
     has pkg-config || echo pkg-config
 }
 
+# Tests that lack one of these are left out, and say so.
+missing_that_tests_can_do_without() {
+    has mandoc || echo mandoc
+}
+
 missing_for_cross_macos() {
     missing_for_building
     has llvm-lipo-14 || echo llvm-14

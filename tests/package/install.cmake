@@ -10,7 +10,7 @@ execute_process(
 
 foreach(file include/hxkqueue/kqueue/HXKQueue.h include/hxkqueue/platform/log.h
              ${LIBDIR}/libhxkqueue.a ${LIBDIR}/pkgconfig/hxkqueue.pc
-             ${LIBDIR}/cmake/hxkqueue/hxkqueueConfig.cmake)
+             ${LIBDIR}/cmake/hxkqueue/hxkqueueConfig.cmake ${MANDIR}/man3/hxkqueue.3)
     if(NOT EXISTS ${PREFIX}/${file})
         message(FATAL_ERROR "${file} is missing")
     endif()
@@ -20,7 +20,8 @@ file(GLOB_RECURSE everything LIST_DIRECTORIES false ${STAGE}/*)
 foreach(file IN LISTS everything)
     string(FIND ${file} ${PREFIX}/include/hxkqueue/ among_headers)
     string(FIND ${file} ${PREFIX}/${LIBDIR}/ among_libraries)
-    if(NOT (among_headers EQUAL 0 OR among_libraries EQUAL 0))
+    string(FIND ${file} ${PREFIX}/${MANDIR}/man3/ among_pages)
+    if(NOT (among_headers EQUAL 0 OR among_libraries EQUAL 0 OR among_pages EQUAL 0))
         message(FATAL_ERROR "${file} does not belong to the library")
     endif()
 endforeach()

@@ -1,12 +1,18 @@
-# Installs the programs alone.
+# Installs the programs alone, with their manual pages.
 
 file(REMOVE_RECURSE ${WORK})
 unset(ENV{DESTDIR})
 execute_process(
     COMMAND ${CMAKE_COMMAND} --install ${BINARY_DIR} --component utility --prefix ${WORK}
     OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
-file(GLOB_RECURSE programs RELATIVE ${WORK}/${SBINDIR} ${WORK}/*)
-list(SORT programs)
-if(NOT programs STREQUAL "hxusbvctl;hxusbvd-sim")
-    message(FATAL_ERROR "installed: ${programs}")
+set(expected
+    ${SBINDIR}/hxusbvctl
+    ${SBINDIR}/hxusbvd-sim
+    ${MANDIR}/man8/hxusbvctl.8
+    ${MANDIR}/man8/hxusbvd-sim.8)
+file(GLOB_RECURSE installed RELATIVE ${WORK} ${WORK}/*)
+list(SORT expected)
+list(SORT installed)
+if(NOT installed STREQUAL expected)
+    message(FATAL_ERROR "installed: ${installed}")
 endif()
