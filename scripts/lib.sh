@@ -92,7 +92,9 @@ missing_for_testing() {
 
 # Tests that lack one of these are left out, and say so.
 missing_that_tests_can_do_without() {
+    has fish || echo fish
     has mandoc || echo mandoc
+    has zsh || echo zsh
 }
 
 missing_for_cross_macos() {

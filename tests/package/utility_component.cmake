@@ -1,4 +1,4 @@
-# Installs the programs alone, with their manual pages.
+# Installs the programs alone, with their manual pages and completions.
 
 file(REMOVE_RECURSE ${WORK})
 unset(ENV{DESTDIR})
@@ -9,7 +9,10 @@ set(expected
     ${SBINDIR}/hxusbvctl
     ${SBINDIR}/hxusbvd-sim
     ${MANDIR}/man8/hxusbvctl.8
-    ${MANDIR}/man8/hxusbvd-sim.8)
+    ${MANDIR}/man8/hxusbvd-sim.8
+    ${DATADIR}/bash-completion/completions/hxusbvctl
+    ${DATADIR}/fish/vendor_completions.d/hxusbvctl.fish
+    ${DATADIR}/zsh/site-functions/_hxusbvctl)
 file(GLOB_RECURSE installed RELATIVE ${WORK} ${WORK}/*)
 list(SORT expected)
 list(SORT installed)

@@ -1,0 +1,34 @@
+// A program in a pseudo-terminal, with a test at its keyboard.
+//
+// Whatever does not appear within a minute counts as never: the test fails rather than hangs.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+class Terminal {
+public:
+    // arguments begins with the program's path; the environment is this process's own. A program
+    // that cannot be run throws std::runtime_error.
+    explicit Terminal(const std::vector<std::string>& arguments);
+    ~Terminal();  // ends the program, with SIGKILL
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+    void type(std::string_view keys) const;
+
+    // Waits until text has been printed, in one piece, behind what was waited for before. On false
+    // nothing has been passed over.
+    [[nodiscard]] bool waitFor(std::string_view text);
+
+    // What was printed up to the last text that was waited for, control sequences included, and
+    // what is known to have followed.
+    [[nodiscard]] const std::string& printed() const { return seen; }
+
+private:
+    int keyboard = -1;
+    int child = -1;
+    std::string seen;
+    size_t waitedFor = 0;  // the end in seen of what was
+};
