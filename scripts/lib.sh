@@ -159,6 +159,7 @@ missing_for_linting() {
     has clang-tidy-14 || echo clang-tidy-14
     has_clang_runtimes || echo libclang-rt-14-dev
     has cppcheck || echo cppcheck
+    has mandoc || echo mandoc
     has shellcheck || echo shellcheck
 }
 
