@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "tests/man/page.h"
 #include "tests/support/captured_run.h"
@@ -30,10 +28,6 @@ bool contains(const Lines& lines, const std::string& line) {
 Lines withoutEmptyOnes(Lines lines) {
     std::erase(lines, "");
     return lines;
-}
-
-std::string textOf(const fs::path& path) {
-    return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
 }
 
 void leaveOut() {
@@ -110,7 +104,7 @@ TEST_F(Manual, EveryMessageIsExplained) {
         for (const fs::directory_entry& file : fs::directory_iterator(folder)) {
             if (file.path().extension() != ".cpp") continue;
             for (const std::string& literal :
-                 allMatches(textOf(file), R"re("([A-Z]?[a-z]+:? [^"\]*))re")) {
+                 allMatches(textOf(file.path()), R"re("([A-Z]?[a-z]+:? [^"\]*))re")) {
                 if (literal == "The server" || literal == "The device") continue;
                 ++messages;
                 EXPECT_TRUE(contains(explained, literal)) << literal;

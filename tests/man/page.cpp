@@ -12,12 +12,6 @@
 
 namespace {
 
-std::string fileText(const std::string& path) {
-    std::ifstream file(path);
-    if (!file) throw std::runtime_error("there is no " + path);
-    return (std::ostringstream() << file.rdbuf()).str();
-}
-
 // A terminal strikes bold letters twice, and underlines by striking over.
 std::string withoutOverstrikes(const std::string& text) {
     std::string plain;
@@ -37,6 +31,12 @@ bool isHeading(const std::string& line) {
 }
 
 }  // namespace
+
+std::string textOf(const std::string& path) {
+    std::ifstream file(path);
+    if (!file) throw std::runtime_error("there is no " + path);
+    return (std::ostringstream() << file.rdbuf()).str();
+}
 
 Lines linesOf(const std::string& text) {
     Lines lines;
@@ -74,7 +74,7 @@ std::string trimmed(const std::string& line) {
     return line.substr(begin, line.find_last_not_of(" \t") + 1 - begin);
 }
 
-Page::Page(const std::string& pagePath) : path(pagePath), source(linesOf(fileText(pagePath))) {}
+Page::Page(const std::string& pagePath) : path(pagePath), source(linesOf(textOf(pagePath))) {}
 
 std::vector<Lines> Page::displays(const std::string& section) const {
     std::vector<Lines> displays;

@@ -6,6 +6,9 @@
 
 using Lines = std::vector<std::string>;
 
+// All of a file, which must be there.
+[[nodiscard]] std::string textOf(const std::string& path);
+
 [[nodiscard]] Lines linesOf(const std::string& text);
 
 [[nodiscard]] std::string replaced(std::string text, const std::string& from,
