@@ -69,9 +69,12 @@ _hxusbvctl_read_options() {
     done
 }
 
-# Adds a candidate, if it goes on from what is typed, and what to show beside it.
+# Adds a candidate, if it goes on from what is typed, and what to show beside it. Of those that are
+# the same the first counts: what two have in common is inserted, and beyond the candidate that would
+# be a name's text.
 _hxusbvctl_offer() {
-    [[ $1 == "$current"* ]] || return 0
+    [[ $1 == "$current"* && $offered != *" $1 "* ]] || return 0
+    offered+=" $1 "
     COMPREPLY+=("$1")
     descriptions+=("${2//[[:cntrl:]]/?}")
 }
@@ -188,7 +191,7 @@ _hxusbvctl_describe() {
 }
 
 _hxusbvctl() {
-    local words current program descriptions=()
+    local words current program offered='' descriptions=()
     COMPREPLY=()
     _hxusbvctl_split
     current=${words[${#words[@]} - 1]}

@@ -227,6 +227,20 @@ TEST_P(Completion, NamesAreShownAndNeverObeyed) {
     EXPECT_FALSE(fs::exists(directory / "here"));
 }
 
+// Each name adds a line to the list, and both lines are of the same device.
+TEST_P(Completion, NamesOfTheSameIdAreNotInserted) {
+    std::ofstream(directory / "inventory.json")
+        << R"({"servers": [{"id": 1, "host": "a", "devices": [
+        {"id": 1, "name": "\n9:9 - 0000:0000:0000 - one; more", "vid": 1, "pid": 1, "port": "1"},
+        {"id": 2, "name": "\n9:9 - 0000:0000:0000 - one; less", "vid": 1, "pid": 1, "port": "2"}
+    ]}]})";
+    const RunningProgram daemon = start();
+    InteractiveShell shell = startShell();
+    shell.run(GetParam().listAtOnce);
+    EXPECT_EQ(shell.wordsAfter("hxusbvctl dev plug 9\t."),
+              (Words{"hxusbvctl", "dev", "plug", "9:9", "."}));
+}
+
 TEST_P(Completion, ProgramMayBeNamedByItsPath) {
     const RunningProgram daemon = start();
     InteractiveShell shell = startShell();

@@ -88,18 +88,21 @@ const std::vector<ShellKind>& shellKinds() {
          .startText = kBashStart,
          .options = {"--noprofile", "--rcfile", "$HOME/bashrc", "-i"},
          .listKeys = "\t\t",
+         .listAtOnce = "bind 'set show-all-if-ambiguous on'",
          .recordCandidates = [](const std::string& line) { return recordLine(line + "\x1b*"); }},
         {.name = "zsh",
          .startFile = ".zshrc",
          .startText = kZshStart,
          .options = {"--no-globalrcs", "-i"},
          .listKeys = "\t",
+         .listAtOnce = "unsetopt list_ambiguous",
          .recordCandidates = [](const std::string& line) { return recordLine(line + "\x02"); }},
         {.name = "fish",
          .startFile = "start.fish",
          .startText = kFishStart,
          .options = {"--no-config", "--init-command", "source $HOME/start.fish", "-i"},
          .listKeys = "\t",
+         .listAtOnce = "true",
          .recordCandidates = [](const std::string& line) {
              return "record " + line.substr(0, line.rfind(' ') + 1) + "(complete -C '" + line +
                     "' | string replace -r '\\t.*' '')\r";
@@ -144,6 +147,11 @@ Words InteractiveShell::recorded() {
     const size_t end = screen().find(kEndOfRecord, begin);
     waitForPrompt();
     return wordsOf(screen().substr(begin, end - begin));
+}
+
+void InteractiveShell::run(const std::string& command) {
+    terminal->type(command + '\r');
+    waitForPrompt();
 }
 
 Words InteractiveShell::wordsAfter(const std::string& keys) {

@@ -15,10 +15,11 @@ using Words = std::vector<std::string>;
 
 struct ShellKind {
     const char* name;
-    const char* startFile;  // below the home directory
-    const char* startText;  // what makes the shell ready, in front of its prompt
-    Words options;          // $HOME is the home directory
-    const char* listKeys;   // have the candidates listed
+    const char* startFile;   // below the home directory
+    const char* startText;   // what makes the shell ready, in front of its prompt
+    Words options;           // $HOME is the home directory
+    const char* listKeys;    // have the candidates listed
+    const char* listAtOnce;  // has one Tab insert what candidates have in common and list them
 
     // What has the candidates of a line recorded, as keys.
     std::string (*recordCandidates)(const std::string& line);
@@ -35,6 +36,8 @@ class InteractiveShell {
 public:
     // At its prompt, with HOME at home, where it leaves files.
     InteractiveShell(const ShellKind& kind, const std::filesystem::path& home);
+
+    void run(const std::string& command);
 
     // The words of the command line after the keys. The line is gone afterwards.
     [[nodiscard]] Words wordsAfter(const std::string& keys);
