@@ -130,7 +130,10 @@ InteractiveShell::InteractiveShell(const ShellKind& shellKind, const std::filesy
     setenv("COMPLETIONS", COMPLETIONS, 1);
     setenv("TERM", "xterm", 1);
     setenv("LC_ALL", "C.UTF-8", 1);
-    for (const char* variable : {"HISTFILE", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME"})
+    // Keys are a person's to choose, by files or by the name of an editor.
+    setenv("INPUTRC", "/dev/null", 1);
+    for (const char* variable : {"EDITOR", "VISUAL", "HISTFILE", "PROMPT_COMMAND",
+                                 "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME"})
         unsetenv(variable);
     terminal = std::make_unique<Terminal>(commandLine(kind, home));
     waitForPrompt();
