@@ -23,6 +23,16 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
     target_compile_options(project_settings INTERFACE -Wno-restrict)
 endif()
 
+# What is released is the same bytes wherever it was built; scripts/check-reproducible looks at that.
+# Debuggers want to know where the sources are, so the other builds name their folder.
+target_compile_options(project_settings INTERFACE
+    "$<$<CONFIG:Release>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>")
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+    set(CMAKE_CXX_ARCHIVE_CREATE "<CMAKE_AR> qcD <TARGET> <LINK_FLAGS> <OBJECTS>")
+    set(CMAKE_CXX_ARCHIVE_APPEND "<CMAKE_AR> qD <TARGET> <LINK_FLAGS> <OBJECTS>")
+    set(CMAKE_CXX_ARCHIVE_FINISH "<CMAKE_RANLIB> -D <TARGET>")
+endif()
+
 if(HXUSBVCTL_SANITIZE)
     add_compile_options(-fsanitize=${HXUSBVCTL_SANITIZE} -fno-sanitize-recover=all
                         -fno-omit-frame-pointer)

@@ -90,10 +90,26 @@ missing_for_testing() {
     has pkg-config || echo pkg-config
 }
 
+# Of what makes the packages of this system; where there are none, cpack makes archives.
+missing_package_tools() {
+    if has dpkg; then
+        has dpkg-shlibdeps || echo dpkg-dev
+        has file || echo file
+    fi
+}
+
+missing_for_packaging() {
+    missing_for_building
+    missing_package_tools
+}
+
 # Tests that lack one of these are left out, and say so.
 missing_that_tests_can_do_without() {
+    missing_package_tools
     has fish || echo fish
+    if has dpkg && ! has lintian; then echo lintian; fi
     has mandoc || echo mandoc
+    has ruby || echo ruby
     has zsh || echo zsh
 }
 

@@ -1,0 +1,68 @@
+# What cpack makes of what was built: a package of each component, of the kind that the system has,
+# or archives. The files in packaging/ finish it when cpack runs.
+
+set(HXUSBVCTL_MAINTAINER "hxusbvctl maintainers <maintainers@hxusbvctl.invalid>" CACHE STRING
+    "Who answers for the packages: a name and an address that mail reaches")
+
+find_program(DPKG_SHLIBDEPS dpkg-shlibdeps)
+find_program(RPMBUILD rpmbuild)
+if(DPKG_SHLIBDEPS)
+    set(CPACK_GENERATOR DEB)
+elseif(RPMBUILD)
+    set(CPACK_GENERATOR RPM)
+else()
+    set(CPACK_GENERATOR TGZ)
+endif()
+
+set(utility_package hxusbvctl)
+set(development_package libhxkqueue-dev)
+set(utility_summary "control utility for a daemon that shares USB devices across a network")
+set(utility_description
+"hxusbvctl lists the servers that a local daemon knows with their USB devices,
+adds, removes, disconnects and reconnects servers, and plugs and unplugs their
+devices as virtual devices of this machine. Its exit status tells scripts how
+each command went, and bash, zsh and fish complete its command line with what
+the daemon lists.
+.
+The daemon is not part of this. With hxusbvd-sim, a simulated one, the utility
+can be tried, and programs that use it can be tested.")
+set(development_summary "event loop over the kernel's event queue, for C++20")
+set(development_description
+"hxkqueue drives stream and listening sockets, pipes, terminals and timers from
+one thread. Its interface is that of the kernel event queue of BSD systems; on
+Linux it brings one of its own, over epoll.
+.
+This package has the static library, its headers, what CMake and pkg-config ask
+for, and the manual page hxkqueue(3).")
+
+set(CPACK_PACKAGE_VENDOR "${HXUSBVCTL_MAINTAINER}")
+set(CPACK_PACKAGE_CONTACT "${HXUSBVCTL_MAINTAINER}")
+set(CPACK_PACKAGE_CHECKSUM SHA256)
+set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_BINARY_DIR}/packaging.cmake)
+set(CPACK_VERBATIM_VARIABLES ON)
+set(CPACK_COMPONENTS_ALL utility development)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_STRIP_FILES ON)
+# Whatever the umask of the one who packages.
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_ARCHIVE_COMPONENT_INSTALL ON)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SOURCE ${PROJECT_NAME})
+# Sorts before the first that a distribution makes itself.
+set(CPACK_DEBIAN_PACKAGE_RELEASE 0upstream1)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_UTILITY_PACKAGE_NAME ${utility_package})
+set(CPACK_DEBIAN_UTILITY_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_UTILITY_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_UTILITY_DESCRIPTION "${utility_summary}\n${utility_description}")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${development_package})
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "${development_summary}\n${development_description}")
+
+configure_file(packaging/packaging.cmake.in packaging.cmake @ONLY)
+include(CPack)
