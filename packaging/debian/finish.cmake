@@ -8,17 +8,13 @@ function(run)
     execute_process(COMMAND ${ARGV} COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
 
-# Each with the modes given here, whatever the umask.
 function(add_documents package root)
     set(folder ${root}/share/doc/${package})
-    run(install -d -m 755 ${root}/share ${root}/share/doc ${folder})
-    run(install -m 644 ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/copyright ${folder}/copyright)
-    run(install -m 644 ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../../CHANGELOG.md ${folder}/changelog)
-
+    configure_file(${CMAKE_CURRENT_FUNCTION_LIST_DIR}/copyright ${folder}/copyright COPYONLY)
+    configure_file(${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../../CHANGELOG.md ${folder}/changelog COPYONLY)
     set(version ${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
     string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
     configure_file(${CMAKE_CURRENT_FUNCTION_LIST_DIR}/changelog.in ${folder}/changelog.Debian @ONLY)
-    run(chmod 644 ${folder}/changelog.Debian)
     run(gzip --best --no-name ${folder}/changelog ${folder}/changelog.Debian)
 endfunction()
 
