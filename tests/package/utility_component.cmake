@@ -1,10 +1,6 @@
-# Installs the programs alone, with their manual pages and completions.
+# Installs the programs alone, with their manual pages and completions: below a prefix, and for
+# another prefix below DESTDIR.
 
-file(REMOVE_RECURSE ${WORK})
-unset(ENV{DESTDIR})
-execute_process(
-    COMMAND ${CMAKE_COMMAND} --install ${BINARY_DIR} --component utility --prefix ${WORK}
-    OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
 set(expected
     ${SBINDIR}/hxusbvctl
     ${SBINDIR}/hxusbvd-sim
@@ -13,9 +9,20 @@ set(expected
     ${DATADIR}/bash-completion/completions/hxusbvctl
     ${DATADIR}/fish/vendor_completions.d/hxusbvctl.fish
     ${DATADIR}/zsh/site-functions/_hxusbvctl)
-file(GLOB_RECURSE installed RELATIVE ${WORK} ${WORK}/*)
 list(SORT expected)
-list(SORT installed)
-if(NOT installed STREQUAL expected)
-    message(FATAL_ERROR "installed: ${installed}")
-endif()
+
+function(expect_installed destdir prefix)
+    file(REMOVE_RECURSE ${WORK})
+    set(ENV{DESTDIR} ${destdir})
+    execute_process(
+        COMMAND ${CMAKE_COMMAND} --install ${BINARY_DIR} --component utility --prefix ${prefix}
+        OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
+    file(GLOB_RECURSE installed RELATIVE ${destdir}${prefix} ${WORK}/*)
+    list(SORT installed)
+    if(NOT installed STREQUAL expected)
+        message(FATAL_ERROR "installed below ${destdir}${prefix}: ${installed}")
+    endif()
+endfunction()
+
+expect_installed("" ${WORK})
+expect_installed(${WORK} /opt/hxusbvctl)
