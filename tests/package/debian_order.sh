@@ -1,9 +1,8 @@
 #!/bin/sh
-# Fails when lintian has an error or a warning to tell of the Debian packages in a folder.
+# Fails when lintian finds an error in the Debian packages in a folder; or a warning, if it is Debian
+# 12's lintian, for each version warns of other things.
 #
 #     debian_order.sh LINTIAN FOLDER
-export LC_ALL=C
-found=$("$1" --no-cfg --allow-root --tag-display-limit 0 "$2"/*.deb 2>&1)
-status=$?
-printf '%s\n' "$found"
-[ $status -eq 0 ] && ! printf '%s\n' "$found" | grep -q '^[EW]: '
+failures=error
+grep -qs '^VERSION_CODENAME=bookworm' /etc/os-release && failures=error,warning
+exec "$1" --no-cfg --profile debian --fail-on $failures --tag-display-limit 0 "$2"/*.deb
