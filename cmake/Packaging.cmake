@@ -59,6 +59,7 @@ set(CPACK_DEBIAN_UTILITY_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_UTILITY_DESCRIPTION "${utility_summary}\n${utility_description}")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${development_package})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS libc6-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "${development_summary}\n${development_description}")
 
 configure_file(packaging/packaging.cmake.in packaging.cmake @ONLY)

@@ -53,6 +53,7 @@ END_OF_LIST
 library=$(echo "$packages"/libhxkqueue-dev_*.deb)
 expect_folders "$library"
 expect_field "$library" Version "$version-.*"
+expect_field "$library" Depends 'libc6-dev'
 expect_files "$library" <<END_OF_LIST
 -rw-r--r-- include/hxkqueue/kqueue/HXKQueue.h
 -rw-r--r-- include/hxkqueue/kqueue/HXKQueueAcceptedConnection.h
