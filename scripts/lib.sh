@@ -109,6 +109,7 @@ missing_that_tests_can_do_without() {
     has fish || echo fish
     if has dpkg && ! has lintian; then echo lintian; fi
     has mandoc || echo mandoc
+    is_macos || has rpmbuild || echo rpm
     has ruby || echo ruby
     has zsh || echo zsh
 }
