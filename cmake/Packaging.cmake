@@ -1,14 +1,15 @@
-# What cpack makes of what was built: a package of each component, of the kind that the system has,
-# or archives. The files in packaging/ finish it when cpack runs.
+# What cpack makes of what was built: a package of each component, of the kind that the system has;
+# archives where it has none, or what was built is for another. The files in packaging/ finish it when
+# cpack runs.
 
 set(HXUSBVCTL_MAINTAINER "hxusbvctl maintainers <maintainers@hxusbvctl.invalid>" CACHE STRING
     "Who answers for the packages: a name and an address that mail reaches")
 
 find_program(DPKG_SHLIBDEPS dpkg-shlibdeps)
 find_program(RPMBUILD rpmbuild)
-if(DPKG_SHLIBDEPS)
+if(DPKG_SHLIBDEPS AND NOT CMAKE_CROSSCOMPILING)
     set(CPACK_GENERATOR DEB)
-elseif(RPMBUILD)
+elseif(RPMBUILD AND NOT CMAKE_CROSSCOMPILING)
     set(CPACK_GENERATOR RPM)
 else()
     set(CPACK_GENERATOR TGZ)
