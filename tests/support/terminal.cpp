@@ -71,8 +71,9 @@ Terminal::Terminal(const std::vector<std::string>& arguments) : keyboard(openKey
 }
 
 Terminal::~Terminal() {
+    if (keyboard != -1) close(keyboard);
+    if (child == -1) return;
     kill(child, SIGKILL);
-    close(keyboard);
     while (waitpid(child, nullptr, 0) == -1 && errno == EINTR) {
     }
 }
@@ -85,18 +86,45 @@ void Terminal::type(std::string_view keys) const {
     }
 }
 
+Terminal::Reading Terminal::readOn() {
+    struct pollfd waiting = {.fd = keyboard, .events = POLLIN, .revents = 0};
+    if (poll(&waiting, 1, kPatienceMs) != 1) return Reading::kNothing;
+    std::array<char, 4096> piece;
+    const ssize_t size = read(keyboard, piece.data(), piece.size());
+    if (size == -1 && errno == EINTR) return Reading::kSome;
+    if (size <= 0) return Reading::kEnd;
+    seen.append(piece.data(), static_cast<size_t>(size));
+    return Reading::kSome;
+}
+
 bool Terminal::waitFor(std::string_view text) {
     for (;;) {
         if (const size_t at = seen.find(text, waitedFor); at != std::string::npos) {
             waitedFor = at + text.size();
             return true;
         }
-        struct pollfd waiting = {.fd = keyboard, .events = POLLIN, .revents = 0};
-        if (poll(&waiting, 1, kPatienceMs) != 1) return false;
-        std::array<char, 4096> piece;
-        const ssize_t size = read(keyboard, piece.data(), piece.size());
-        if (size == -1 && errno == EINTR) continue;
-        if (size <= 0) return false;
-        seen.append(piece.data(), static_cast<size_t>(size));
+        if (readOn() != Reading::kSome) return false;
     }
+}
+
+void Terminal::signal(int number) const {
+    kill(child, number);
+}
+
+void Terminal::hangUp() {
+    close(keyboard);
+    keyboard = -1;
+}
+
+int Terminal::finish() {
+    while (keyboard != -1) {
+        const Reading reading = readOn();
+        if (reading == Reading::kNothing) throw std::runtime_error("the terminal stays open");
+        if (reading == Reading::kEnd) hangUp();
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
+    }
+    child = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
