@@ -111,6 +111,7 @@ missing_that_tests_can_do_without() {
     has mandoc || echo mandoc
     is_macos || has rpmbuild || echo rpm
     has ruby || echo ruby
+    has xmllint || echo libxml2-utils
     has zsh || echo zsh
 }
 
