@@ -113,6 +113,16 @@ missing_that_tests_can_do_without() {
     has ruby || echo ruby
     has xmllint || echo libxml2-utils
     has zsh || echo zsh
+    is_macos || missing_for_documents
+}
+
+# What commands in documents are run with.
+missing_for_documents() {
+    has gdb || echo gdb
+    has hexdump || echo bsdextrautils
+    has jq || echo jq
+    has socat || echo socat
+    has strace || echo strace
 }
 
 missing_for_cross_macos() {
