@@ -14,6 +14,7 @@ namespace {
 namespace fs = std::filesystem;
 
 const std::string kPages = SOURCE_DIR "/man/";
+const std::string kReadme = SOURCE_DIR "/README.md";
 
 std::string outputOf(const std::vector<std::string>& words) {
     const Outcome outcome = runProgram(words);
@@ -142,6 +143,20 @@ TEST_F(Manual, SimulatedDaemonsUsageIsThePages) {
         })) << option;
     EXPECT_EQ(allMatches(textOf(kPages + "hxusbvd-sim.8"), "\n\\.It Cm ([a-z-]+)"),
               allMatches(usage, "\n      ([a-z-]+)"));
+}
+
+TEST(Readme, TellsEveryExitStatus) {
+    EXPECT_EQ(allMatches(textOf(kReadme), "\n\\| ([0-9]+) \\|"),
+              allMatches(textOf(SOURCE_DIR "/cli/exit_status.h"), "kExit[A-Za-z]+ = ([0-9]+),"));
+}
+
+TEST(Readme, TellsTheSimulatedDaemonsUsage) {
+    const std::string usage = outputOf({SIM_PROGRAM, "--help"});
+    const std::string synopsis = usage.substr(7, usage.find("\nSimulates") - 7);
+    const std::string indented =
+        replaced(synopsis, "\n" + std::string(19, ' '), "\n" + std::string(12, ' '));
+    EXPECT_NE(textOf(kReadme).find("```text\n" + indented + "\n```\n"), std::string::npos)
+        << indented;
 }
 
 TEST_F(Manual, EveryPublicOperationOfTheLoopIsExplained) {
