@@ -94,27 +94,32 @@ chooses_tests() {
         { echo "no test is chosen by $*" && return 1; }
 }
 
-# apt-get install NAME..., brew install NAME...: what scripts/lib.sh installs to build.
+# apt-get install NAME..., brew install NAME...: what scripts/lib.sh installs for a task.
 names_packages() {
     manager=$1
     shift 2
-    for system in bookworm another; do
-        [ "$*" != "$(packages_to_build "$manager" $system)" ] || return 0
-    done
-    echo "scripts/lib.sh installs '$(packages_to_build "$manager" another)'"
-    return 1
+    packages_of_tasks "$manager" | grep -qxF -e "$*" ||
+        { echo "scripts/lib.sh installs '$(packages_of_tasks "$manager" | head -n 1)' to build" && return 1; }
 }
 
-# On a machine that has nothing, and is Debian 12 or is not.
-packages_to_build() {
+# A line for each task and system, building first, of a machine that has nothing but its package manager.
+packages_of_tasks() {
     # shellcheck disable=SC2016  # expanded by the inner shell
     bash -c '
         source scripts/lib.sh
-        has() { false; }
+        manager=$1
+        has() { [[ $manager == apt-get && $1 == dpkg ]]; }
         compiles() { false; }
-        grep() { [[ $system == bookworm ]]; }
-        manager=$1 system=$2
-        for name in $(missing_for_building); do
-            if [[ $manager == brew ]]; then formula_of "$name"; else package_of "$name"; fi
-        done' bash "$1" "$2" | paste -sd ' ' -
+        names_of() {
+            local name
+            for name in $("$1"); do
+                if [[ $manager == brew ]]; then formula_of "$name"; else package_of "$name"; fi
+            done | paste -sd " " -
+        }
+        for list in missing_for_building $(declare -F | sed -n "s/^declare -f \(missing_for_.*\)/\1/p"); do
+            grep() { true; }  # this is Debian 12
+            names_of "$list"
+            grep() { false; }
+            names_of "$list"
+        done' bash "$1"
 }
