@@ -92,7 +92,8 @@ find_run() {
     if [[ ${#private[@]} -gt 0 ]]; then
         exec "${private[@]}" "$self" --inside-private "$@"
     fi
-    if [[ $EUID -ne 0 ]] && has unshare && has sudo && sudo unshare --mount true 2>/dev/null; then
+    if [[ $EUID -ne 0 && ! -w $run_directory ]] && has unshare && has sudo &&
+        sudo unshare --mount true 2>/dev/null; then
         say "namespaces are root's here, so this goes on as root"
         exec "${as_root[@]}" unshare --mount -- "$self" --inside-private "$@"
     fi
