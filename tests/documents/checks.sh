@@ -109,7 +109,9 @@ packages_of_tasks() {
         source scripts/lib.sh
         manager=$1
         has() { [[ $manager == apt-get && $1 == dpkg ]]; }
+        has_library() { false; }
         compiles() { false; }
+        compgen() { false; }
         names_of() {
             local name
             for name in $("$1"); do
