@@ -1,6 +1,6 @@
-# Reads the formula that scripts/homebrew-formula has written, in Homebrew's place: says where its archive
-# is and what it needs, has it install, which must configure for the formula's prefix, build and
-# install in this order, and runs its own test on the programs that were built.
+# Reads the formula that scripts/homebrew-formula has written, in Homebrew's place. It must name its archive
+# and what it needs; when it installs, it must configure for its prefix, build and install in this order;
+# and its own test must pass with the programs that were built.
 #
 #     formula.rb FOLDER UTILITY DAEMON
 
@@ -86,9 +86,10 @@ expect("sha256", Hxusbvctl.told[:sha256], Digest::SHA256.file(archive[0]).hexdig
 expect("needed", Hxusbvctl.needed, ["boost", "cmake", "ninja"])
 
 root = File.basename(archive[0], ".tar.gz")
-project = `tar -xOf #{archive[0]} #{root}/CMakeLists.txt`
+project = IO.popen(["tar", "-xOf", archive[0], "#{root}/CMakeLists.txt"], &:read)
 expect("version", "hxusbvctl-#{project[/^project\(hxusbvctl VERSION (\S+)/, 1]}", root)
-expect("completion", `tar -tf #{archive[0]}`.include?("#{root}/completions/hxusbvctl.bash\n"), true)
+files = IO.popen(["tar", "-tf", archive[0]], &:read)
+expect("completion", files.include?("#{root}/completions/hxusbvctl.bash\n"), true)
 
 Dir.mktmpdir do |scratch|
   formula = Hxusbvctl.new(Pathname(scratch))
