@@ -6,7 +6,8 @@ build=build/demo
 scratch=
 
 # Ends what runs in the background, with all that it has started, also what is stopped there because
-# it has asked the terminal for something. Returns when all of it is gone, or stays for five seconds.
+# it has asked the terminal for something. Waits for what runs there, and five seconds for what that has
+# started.
 end_jobs() {
     local job jobs tries
     jobs=$(jobs -p)
