@@ -21,6 +21,11 @@ quietly() {
     return 1
 }
 
+# What root leaves in the tree belongs to the one who asked for root.
+give_back() {
+    [[ $EUID -ne 0 || -z ${SUDO_UID:-} || ! -d build ]] || chown -R "$SUDO_UID" build
+}
+
 has() { command -v "$1" >/dev/null 2>&1; }
 
 # The first argument is the lower of two versions, or they are equal.

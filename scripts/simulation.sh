@@ -28,9 +28,11 @@ end() {
     trap '' HUP INT QUIT PIPE TERM
     end_jobs
     [[ -z $scratch ]] || rm -rf "$scratch"
+    [[ $build != build/demo ]] || give_back
 }
 
-# Whatever ends the script, its jobs and its scratch directory end with it.
+# Whatever ends the script, its jobs and its scratch directory end with it, and what it has built is the
+# user's.
 leave_nothing_behind() {
     trap end EXIT
     trap 'exit 129' HUP
