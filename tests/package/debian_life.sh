@@ -8,6 +8,7 @@ cd "$(dirname "$0")/../.."
 packages=$1
 root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
+trap 'exit 1' HUP INT TERM
 export HOME="$root/home" PATH="$root/usr/sbin:$PATH:/usr/sbin:/sbin"
 
 fail() {

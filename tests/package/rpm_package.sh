@@ -7,6 +7,7 @@ set -eu
 build=$1 cpack=$2 version=$3
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
+trap 'exit 1' HUP INT TERM
 unset DESTDIR
 export HOME="$scratch"
 
