@@ -1,6 +1,7 @@
 # Installs the library for a prefix, below DESTDIR, and checks that nothing went elsewhere.
 
 file(REMOVE_RECURSE ${STAGE})
+file(REMOVE ${BINARY_DIR}/install_manifest_development.txt)  # which may be root's
 set(ENV{DESTDIR} ${STAGE})
 string(REPLACE "${STAGE}" "" prefix_of_user ${PREFIX})
 execute_process(
