@@ -36,7 +36,7 @@ set -- "$packages"/*.deb
 utility=$(echo "$packages"/hxusbvctl_*.deb)
 expect_folders "$utility"
 expect_field "$utility" Version "$version-.*"
-expect_field "$utility" Depends 'libc6 (.*'
+expect_field "$utility" Depends 'libc6 (.*), libgcc-s1 (.*), libstdc++6 (.*)'
 expect_files "$utility" <<END_OF_LIST
 -rwxr-xr-x sbin/hxusbvctl
 -rwxr-xr-x sbin/hxusbvd-sim

@@ -143,7 +143,7 @@ TEST_F(Demo, OnATerminalItLeavesTimeToRead) {
         for (size_t at = 0; (at = text.find(mark, at)) != std::string::npos; ++at)
             ++expected;
     const std::vector<double> seconds = pauses();
-    EXPECT_GT(seconds.size(), 30U);
+    ASSERT_GT(seconds.size(), 30U);
     EXPECT_LE(seconds.size(), expected);
     for (const double pause : seconds)
         EXPECT_TRUE(pause >= 1 && pause <= 5) << pause;
