@@ -12,6 +12,12 @@ die() {
     exit 1
 }
 
+# Prints the comment that the script begins with, and ends with a status. The script stands in its root.
+usage() {
+    sed -n '2,/^set /s/^# \{0,1\}//p' "scripts/${0##*/}"
+    exit "$1"
+}
+
 # Runs a command, and shows what it prints only if it fails: ninja prints a compiler's errors on
 # standard output.
 quietly() {
