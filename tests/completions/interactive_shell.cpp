@@ -1,12 +1,9 @@
 #include "tests/completions/interactive_shell.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <ostream>
-#include <sstream>
 #include <stdexcept>
 
 namespace {
@@ -112,14 +109,6 @@ const std::vector<ShellKind>& shellKinds() {
 
 void PrintTo(const ShellKind& kind, std::ostream* out) {
     *out << kind.name;
-}
-
-std::string findProgram(const std::string& name) {
-    const char* path = std::getenv("PATH");
-    std::istringstream directories(path != nullptr ? path : "");
-    for (std::string directory; std::getline(directories, directory, ':');)
-        if (access((directory + '/' + name).c_str(), X_OK) == 0) return directory + '/' + name;
-    return "";
 }
 
 InteractiveShell::InteractiveShell(const ShellKind& shellKind, const std::filesystem::path& home)

@@ -29,9 +29,6 @@ struct ShellKind {
 
 void PrintTo(const ShellKind& kind, std::ostream* out);  // the name that GoogleTest looks for
 
-// The program's path, or nothing where it is not installed.
-[[nodiscard]] std::string findProgram(const std::string& name);
-
 class InteractiveShell {
 public:
     // At its prompt, with HOME at home, where it leaves files.

@@ -36,11 +36,6 @@ constexpr UsersShell kShells[] = {
      .startFile = ".config/fish/config.fish",
      .startText = "set -g fish_greeting; function fish_prompt; echo -n 'ready> '; end"}};
 
-std::string findProgram(const std::string& name) {
-    const Outcome outcome = runProgram({"/bin/sh", "-c", "command -v " + name});
-    return outcome.out.substr(0, outcome.out.find('\n'));
-}
-
 // Where manuals were left out of the system, man says so and nothing else.
 bool manualsCanBeRead() {
     const std::string man = findProgram("man");

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <stdexcept>
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX has no header declare it
@@ -60,6 +61,14 @@ pid_t spawnAt(const char* terminal, const std::vector<std::string>& arguments) {
 }
 
 }  // namespace
+
+std::string findProgram(const std::string& name) {
+    const char* path = std::getenv("PATH");
+    std::istringstream directories(path != nullptr ? path : "");
+    for (std::string directory; std::getline(directories, directory, ':');)
+        if (access((directory + '/' + name).c_str(), X_OK) == 0) return directory + '/' + name;
+    return "";
+}
 
 Terminal::Terminal(const std::vector<std::string>& arguments) : keyboard(openKeyboard()) {
     try {

@@ -7,6 +7,9 @@
 #include <string_view>
 #include <vector>
 
+// The program's path, or nothing where it is not installed.
+[[nodiscard]] std::string findProgram(const std::string& name);
+
 class Terminal {
 public:
     // arguments begins with the program's path; the environment is this process's own. A program
