@@ -1,6 +1,6 @@
 // The connection to the daemon: sends requests, and turns what the socket reports into three
 // callbacks. It neither queues requests nor matches replies to them, and does not stop itself
-// after an error.
+// after an error: its owner does, and believes nothing that is told in between.
 //
 //     auto client = HXTarnIPCClient::initWithKQueue(loop);
 //     client->setOnError(onError);

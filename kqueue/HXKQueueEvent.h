@@ -28,7 +28,7 @@ enum : int32_t {
     HXKQueueEventData = 1,
     // The stream has ended or failed, for reading or for writing. The block sees what is left in
     // the receive buffer. Raised again until the owner stops the source. Until then a stream that
-    // failed for writing delivers what its peer had sent, behind what the block keeps here.
+    // failed for writing goes on to deliver what its peer sends, behind what the block keeps.
     HXKQueueEventTerminated = 2,
     // A pending connect has failed. Raised again until the owner stops the source.
     HXKQueueEventCannotConnect = 3,

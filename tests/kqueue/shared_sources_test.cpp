@@ -99,9 +99,8 @@ struct Connection {
     const uint32_t number;
     std::shared_ptr<HXKQueueEventProtocol> source;
     std::shared_ptr<HXKQueueEventProtocol> peer;
-    MessageReader atPeer;       // the peers' I/O thread's
-    bool sourceIsGone = false;  // the peers' I/O thread's
-    MessageReader atSource;     // the sources' I/O thread's
+    MessageReader atPeer;    // the peers' I/O thread's
+    MessageReader atSource;  // the sources' I/O thread's
     std::atomic<size_t> connectedEvents = 0;
     std::atomic<bool> foreignSource = false;  // a block was called for another source
     std::promise<void> done;
@@ -183,15 +182,14 @@ private:
                    const auto& source, const char* bytes, uint64_t size, uint64_t* dropSize,
                    int32_t code) {
             if (source.get() != self) connection.foreignSource = true;
-            // A source that was stopped takes no echo. Of what it had sent, the beginning of a
-            // message goes with that end; the rest of it may come after.
+            if (code == HXKQueueEventData) {
+                *dropSize = connection.atPeer.read(bytes, size);
+                peers->write(source, bytes, *dropSize);
+            }
             if (code == HXKQueueEventTerminated) {
-                connection.sourceIsGone = true;
+                *dropSize = 0;  // more may come after an echo that has failed
                 peers->stopObject(source);
             }
-            if (code != HXKQueueEventData || connection.sourceIsGone) return true;
-            *dropSize = connection.atPeer.read(bytes, size);
-            peers->write(source, bytes, *dropSize);
             return true;
         };
     }
