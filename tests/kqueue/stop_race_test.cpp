@@ -1,8 +1,6 @@
 // Stops that meet everything else. Each race is run a thousand times, many at once.
 
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <array>
@@ -14,6 +12,7 @@
 #include "kqueue/HXKQueueStreamSocket.h"
 #include "kqueue/HXKQueueTCPClient.h"
 #include "tests/kqueue/block_tokens.h"
+#include "tests/kqueue/full_listener.h"
 #include "tests/kqueue/loop_fixture.h"
 #include "tests/kqueue/stress_scale.h"
 #include "tests/support/descriptor_limit.h"
@@ -245,32 +244,6 @@ TEST_F(StopRace, WhileAnotherThreadWrites) {
               });
 }
 
-// A listener whose backlog is full leaves connects pending.
-class FullListener {
-public:
-    FullListener() {
-        EXPECT_EQ(bind(listener, asSockaddr(address), sizeof(struct sockaddr_in)), 0);
-        EXPECT_EQ(listen(listener, 0), 0);
-        socklen_t length = sizeof address;
-        getsockname(listener, reinterpret_cast<struct sockaddr*>(&address), &length);
-        EXPECT_EQ(connect(filler, asSockaddr(address), length), 0);
-        struct pollfd waiting = {.fd = listener, .events = POLLIN, .revents = 0};
-        EXPECT_EQ(poll(&waiting, 1, -1), 1);
-    }
-    FullListener(const FullListener&) = delete;
-    FullListener& operator=(const FullListener&) = delete;
-    ~FullListener() {
-        close(filler);
-        close(listener);
-    }
-
-    struct sockaddr_storage address = loopback(AF_INET, 0);
-
-private:
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    const int filler = socket(AF_INET, SOCK_STREAM, 0);
-};
-
 // Every second one is asked to stop at once, the others when the kernel has heard of them.
 TEST_F(StopRace, WhileAConnectIsPending) {
     const FullListener listener;
@@ -279,7 +252,7 @@ TEST_F(StopRace, WhileAConnectIsPending) {
         std::vector<std::shared_ptr<HXKQueueTCPClient>> clients;
         Tally tally;
         for (size_t i = 0; i < kAtOnce; ++i) {
-            clients.push_back(loop->createTCPClient(asSockaddr(listener.address)));
+            clients.push_back(loop->createTCPClient(asSockaddr(listener.address())));
             ASSERT_NE(clients.back(), nullptr);
             loop->startObject(clients.back(), [&tally, token = tokens.issue()](auto&&, auto, auto,
                                                                                auto, int32_t code) {

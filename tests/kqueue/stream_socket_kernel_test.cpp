@@ -1,6 +1,4 @@
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,6 +10,7 @@
 
 #include "kqueue/HXKQueueStreamSocket.h"
 #include "kqueue/HXKQueueTCPClient.h"
+#include "tests/kqueue/full_listener.h"
 #include "tests/kqueue/loop_fixture.h"
 #include "tests/kqueue/scripted_kernel.h"
 
@@ -334,37 +333,17 @@ TEST_F(StreamSocketAndKernel, RecordOfAnotherDescriptorIsIgnored) {
     EXPECT_TRUE(kernel.changes().empty());
 }
 
-// A client whose connect stays pending, because the listener's backlog is full.
+// A client whose connect stays pending.
 class PendingConnectAndKernel : public LoopTest {
 protected:
-    PendingConnectAndKernel() : address(loopback(AF_INET, 0)) {
+    PendingConnectAndKernel() {
         kernel.reset();
-        EXPECT_EQ(bind(listener, asSockaddr(address), length), 0);
-        EXPECT_EQ(listen(listener, 0), 0);
-        getsockname(listener, reinterpret_cast<struct sockaddr*>(&address), &length);
-        fillBacklog();
-        client = loop->createTCPClient(asSockaddr(address));
+        client = loop->createTCPClient(asSockaddr(listener.address()));
         loop->startObject(client, events.block());
         kernel.settle();
         sock = static_cast<int>(kernel.changes().at(0).ident);
     }
-    ~PendingConnectAndKernel() override {
-        stopLoop();
-        for (const int filler : fillers)
-            close(filler);
-        close(listener);
-    }
-
-    // Until a connect is not answered any more.
-    void fillBacklog() {
-        struct pollfd state = {};
-        do {
-            fillers.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-            state = {.fd = fillers.back(), .events = POLLOUT, .revents = 0};
-            const int result = connect(state.fd, asSockaddr(address), length);
-            ASSERT_TRUE(result == 0 || errno == EINPROGRESS);
-        } while (poll(&state, 1, 50) == 1);
-    }
+    ~PendingConnectAndKernel() override { stopLoop(); }
 
     void report(int filter, int flags, int64_t data) {
         struct kevent record;
@@ -383,10 +362,7 @@ protected:
     }
 
     ScriptedKernel& kernel = ScriptedKernel::instance();
-    int listener = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_storage address;
-    socklen_t length = sizeof(sockaddr_in);
-    std::vector<int> fillers;
+    const FullListener listener;
     EventRecorder events;
     std::shared_ptr<HXKQueueTCPClient> client;
     int sock = -1;  // the client's

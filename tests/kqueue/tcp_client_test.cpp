@@ -3,9 +3,9 @@
 #include <netinet/in.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 
+#include "tests/kqueue/full_listener.h"
 #include "tests/kqueue/loop_fixture.h"
 
 namespace {
@@ -84,72 +84,35 @@ TEST_F(TcpClient, EndpointOfAnUnknownFamilyIsLoggedAsUnknown) {
     EXPECT_TRUE(log.has("debug " + tagOf(this) + ": TCP Client (unknown:0) created"));
 }
 
-// With its backlog full a listener leaves a connect pending; once it is closed, the next attempt
-// of the kernel (after a second) is refused.
 class PendingTcpClient : public TcpClient {
 protected:
-    PendingTcpClient() : listener(listenOn(AF_INET, port)) {
-        EXPECT_EQ(listen(listener, 0), 0);
-        for (int i = 0; i < 10 && !pending(); ++i)
-            fillers.push_back(client);
-    }
-    ~PendingTcpClient() override {
-        stopLoop();
-        if (listener != -1) close(listener);
-    }
+    PendingTcpClient() { loop->startObject(client, events.block()); }
+    ~PendingTcpClient() override { stopLoop(); }
 
-    // Makes one more client; true when its connect does not complete.
-    bool pending() {
-        client = loop->createTCPClient(asSockaddr(loopback(AF_INET, port)));
-        loop->startObject(client, events.block());
-        for (int i = 0; i < 5; ++i)
-            settle();
-        return std::ranges::none_of(
-            events.all(), [this](const RecordedEvent& event) { return event.source == client; });
-    }
-
-    // The others are told of their ends when the listener goes.
-    [[nodiscard]] RecordedEvent firstOfClient() const {
-        for (const RecordedEvent& event : events.all())
-            if (event.source == client) return event;
-        return {};
-    }
-
-    uint16_t port = 0;
-    int listener;
-    std::vector<std::shared_ptr<HXKQueueTCPClient>> fillers;
-    std::shared_ptr<HXKQueueTCPClient> client;
+    FullListener listener;
+    const std::shared_ptr<HXKQueueTCPClient> client =
+        loop->createTCPClient(asSockaddr(listener.address()));
 };
 
 TEST_F(PendingTcpClient, SaysConnectedOnTheIOThreadAndSendsWhatWasQueued) {
     loop->write(client, "queued", 6);
     settle();
-    EXPECT_EQ(events.count(HXKQueueEventCannotConnect), 0U);
-    // Taking connections makes room for the pending one.
-    std::vector<int> accepted;
-    std::string received;
-    while (received.empty()) {
-        accepted.push_back(accept(listener, nullptr, nullptr));
-        std::array<char, 6> bytes{};
-        const bool last = accepted.size() > fillers.size();
-        const ssize_t size =
-            recv(accepted.back(), bytes.data(), 6, last ? MSG_WAITALL : MSG_DONTWAIT);
-        if (size > 0) received.assign(bytes.data(), static_cast<size_t>(size));
-    }
-    EXPECT_EQ(received, "queued");
-    const RecordedEvent connected = firstOfClient();
+    EXPECT_TRUE(events.all().empty());
+    const int accepted = listener.acceptPending();
+    std::array<char, 6> bytes{};
+    ASSERT_EQ(recv(accepted, bytes.data(), 6, MSG_WAITALL), 6);
+    EXPECT_EQ(std::string(bytes.data(), 6), "queued");
+    const RecordedEvent connected = events.last();
     EXPECT_EQ(connected.code, HXKQueueEventConnected);
     EXPECT_NE(connected.thread, std::this_thread::get_id());
     EXPECT_FALSE(connected.hadDropSize);
-    for (const int sock : accepted)
-        close(sock);
+    close(accepted);
 }
 
 TEST_F(PendingTcpClient, SaysCannotConnectAndSaysItAgainUntilItIsStopped) {
-    close(listener);
-    listener = -1;
+    listener.endListening();
     ASSERT_TRUE(events.waitFor(HXKQueueEventCannotConnect, 2));
-    const RecordedEvent event = firstOfClient();
+    const RecordedEvent event = events.all().front();
     EXPECT_EQ(event.code, HXKQueueEventCannotConnect);
     EXPECT_FALSE(event.hadBytes);
     EXPECT_EQ(event.size, 0U);
