@@ -14,6 +14,7 @@
 #include "kqueue/HXKQueueStreamSocket.h"
 #include "kqueue/HXKQueueTCPServer.h"
 #include "kqueue/HXKQueueUnixServer.h"
+#include "tests/kqueue/held_port.h"
 #include "tests/kqueue/loop_fixture.h"
 #include "tests/support/quiet_send.h"
 
@@ -274,17 +275,6 @@ class TcpServer : public LoopTest {
 protected:
     ~TcpServer() override { stopLoop(); }
 
-    // A port that was free a moment ago.
-    static uint16_t freePort() {
-        struct sockaddr_storage address = loopback(AF_INET, 0);
-        const int sock = socket(AF_INET, SOCK_STREAM, 0);
-        EXPECT_EQ(bind(sock, asSockaddr(address), sizeof(sockaddr_in)), 0);
-        socklen_t length = sizeof(sockaddr_in);
-        getsockname(sock, reinterpret_cast<struct sockaddr*>(&address), &length);
-        close(sock);
-        return ntohs(reinterpret_cast<struct sockaddr_in*>(&address)->sin_port);
-    }
-
     static int connectTo(uint16_t port) {
         const struct sockaddr_storage address = loopback(AF_INET, port);
         const int sock = socket(AF_INET, SOCK_STREAM, 0);
@@ -293,8 +283,9 @@ protected:
         return -1;
     }
 
-    const uint16_t port = freePort();
-    const struct sockaddr_storage address = loopback(AF_INET, port);
+    const HeldPort held;
+    const struct sockaddr_storage& address = held.address();
+    const uint16_t port = ntohs(reinterpret_cast<const struct sockaddr_in*>(&address)->sin_port);
     EventRecorder events;
 };
 
@@ -338,6 +329,7 @@ TEST_F(TcpServer, TwoListenOnTheSameAddressAtOnce) {
 TEST_F(TcpServer, DeclinedConnectionIsClosedAndLeavesNoDescriptor) {
     const auto server = loop->createTCPServer(asSockaddr(address));
     loop->startObject(server, events.answering(false));
+    settle();  // the first TCP source of a process has something looked up, in a file
     const size_t before = openDescriptors();
     for (int i = 0; i < 20; ++i) {
         const int client = connectTo(port);
@@ -378,11 +370,12 @@ TEST_F(TcpServer, ConnectionThatEndedBeforeItWasAcceptedIsWrittenToWithoutASigna
     ASSERT_TRUE(streamEvents.waitFor(HXKQueueEventTerminated));
     settle();
     const size_t before = streamEvents.count(HXKQueueEventTerminated);
-    for (int i = 0; i < 2; ++i) {
+    // The first is answered with a reset, and once that has come, a write fails.
+    for (int i = 0; i < 1'000 && streamEvents.count(HXKQueueEventTerminated) == before; ++i) {
         loop->write(stream, "x", 1);
         settle();
     }
-    EXPECT_TRUE(streamEvents.waitFor(HXKQueueEventTerminated, before + 1));
+    EXPECT_GT(streamEvents.count(HXKQueueEventTerminated), before);
     stopLoop();  // its blocks use what ends here
 }
 

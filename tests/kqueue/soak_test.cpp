@@ -205,12 +205,20 @@ public:
         }
     }
 
+    // Returns once the loop has taken on what was started before. For that it may need descriptors
+    // for a moment.
+    void settle() {
+        open(kSocketPair);
+        send(streams.back(), 1);
+        endAll();
+    }
+
     // Something happens.
     void step() {
         if (below(100) == 0) wanted = below(kMostStreams);
         switch (below(8)) {
             case 0:
-                if (streams.size() < wanted) open();
+                if (streams.size() < wanted) open(below(opened.size()));
                 break;
             case 1:
                 if (streams.size() > wanted) end(streams);
@@ -258,6 +266,10 @@ public:
     [[nodiscard]] size_t timesRefused() const { return refused; }
 
 private:
+    // Kinds of streams: the numbers of the endpoints, and these.
+    static constexpr size_t kSocketPair = 2;
+    static constexpr size_t kPipe = 3;
+
     struct Ends {
         size_t finished = 0;  // after all that was to come
         size_t abandoned = 0;
@@ -276,8 +288,7 @@ private:
     }
 
     // A Unix server's backlog may be full for the moment: then there is one stream less.
-    void open() {
-        const size_t kind = below(opened.size());
+    void open(size_t kind) {
         const auto source = connect(kind);
         if (!source) {
             ++refused;
@@ -289,7 +300,7 @@ private:
 
     std::shared_ptr<HXKQueueEventProtocol> connect(size_t kind) {
         if (kind < endpoints.size()) return endpoints[kind]->connectOn(loop);
-        if (kind == 3) return loop.createBipipeClient(makePipe().data(), true);
+        if (kind == kPipe) return loop.createBipipeClient(makePipe().data(), true);
         std::array<int, 2> ends{};
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
         loop.startObject(loop.createStreamSocket(ends[1], true), echoing(loop, tokens));
@@ -388,6 +399,7 @@ TEST(Soak, OfConnectionsPipesAndTimersLosesNothingAndLeavesNothing) {
         const auto loop = HXKQueue::initWithSubsystem("org.example.usb.virt.ctl");
         loop->start();
         Crowd crowd(*loop, seed);
+        crowd.settle();
         const size_t descriptors = openDescriptors();
         const Clock::time_point end = Clock::now() + duration;
         uint64_t steps = 0;

@@ -1,5 +1,6 @@
 #include "kqueue/HXKQueueTimer.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <random>
@@ -11,6 +12,7 @@
 namespace {
 
 using std::chrono::milliseconds;
+using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 class Timer : public LoopTest {
@@ -22,6 +24,12 @@ protected:
         for (const std::string& line : log.lines())
             if (line.rfind(start, 0) == 0) ident = std::stoi(line.substr(start.size()));
         return ident;
+    }
+
+    // Looks at them once: a timer may go on meanwhile.
+    [[nodiscard]] bool saidNothingButData() const {
+        return std::ranges::all_of(events.codes(),
+                                   [](int32_t code) { return code == HXKQueueEventData; });
     }
 
     EventRecorder events;
@@ -78,7 +86,7 @@ TEST_F(Timer, PeriodicOneFiresAgainAndAgainWithoutBytes) {
     EXPECT_EQ(event.size, 0U);
     EXPECT_FALSE(event.hadDropSize);
     EXPECT_NE(event.thread, std::this_thread::get_id());
-    EXPECT_EQ(events.count(HXKQueueEventData), events.codes().size());
+    EXPECT_TRUE(saidNothingButData());
 }
 
 TEST_F(Timer, NeverFiresBeforeItsPeriodHasPassed) {
@@ -120,14 +128,14 @@ TEST_F(Timer, OneShotIsArmedAgainByStartObject) {
 }
 
 TEST_F(Timer, StartObjectAgainReplacesTheBlockAndStartsThePeriodAfresh) {
-    const auto timer = loop->createTimer(200, false);
+    const auto timer = loop->createTimer(1'000, false);
     loop->startObject(timer, events.block());
     settle();
     EventRecorder again;
     const auto start = steady_clock::now();
     loop->startObject(timer, again.block());
     ASSERT_TRUE(again.waitFor(HXKQueueEventData, 1));
-    EXPECT_GE(steady_clock::now() - start, milliseconds(200));
+    EXPECT_GE(steady_clock::now() - start, seconds(1));
     EXPECT_EQ(events.count(HXKQueueEventData), 0U);
 }
 
@@ -167,7 +175,7 @@ TEST_F(Timer, WriteDoesNothing) {
     loop->startObject(timer, events.block());
     EXPECT_TRUE(loop->write(timer, "x", 1));
     ASSERT_TRUE(events.waitFor(HXKQueueEventData, 5));
-    EXPECT_EQ(events.count(HXKQueueEventData), events.codes().size());
+    EXPECT_TRUE(saidNothingButData());
     EXPECT_TRUE(log.errors().empty());
 }
 
