@@ -34,7 +34,7 @@ if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
 endif()
 
 # The check of an object's type, vptr, asks by way of a pipe whether memory can be read: for a moment
-# the process has two descriptors more, whose numbers are those that another thread has just closed.
+# the process has two descriptors more, which tests take for ones that were not closed.
 if(HXUSBVCTL_SANITIZE)
     add_compile_options(-fsanitize=${HXUSBVCTL_SANITIZE} -fno-sanitize=vptr
                         -fno-sanitize-recover=all -fno-omit-frame-pointer)

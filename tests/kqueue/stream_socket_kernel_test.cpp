@@ -3,7 +3,6 @@
 
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <future>
 #include <thread>
